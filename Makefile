@@ -1,0 +1,57 @@
+# The front door. `make test` sets everything up on a fresh Debian machine and runs the suite
+# twice: a normal build and a sanitizer build (AddressSanitizer + UndefinedBehaviorSanitizer).
+JOBS        ?= $(shell nproc)
+BUILD       ?= build
+ASAN_BUILD  ?= build-asan
+FUZZ_BUILD  ?= build-fuzz
+FUZZ_SECONDS ?= 300
+CMAKE_GEN   := -G Ninja
+
+export ASAN_OPTIONS  ?= halt_on_error=1:detect_leaks=1:abort_on_error=1
+export UBSAN_OPTIONS ?= halt_on_error=1:print_stacktrace=1
+export LUMO_LOG_STDERR ?= 0
+
+.PHONY: all deps build asan test check demo fuzz fuzz-run bench clean
+
+all: build
+
+deps:
+	scripts/install-deps
+
+build: deps
+	cmake -S . -B $(BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD) -j $(JOBS)
+
+asan: deps
+	cmake -S . -B $(ASAN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DLUMO_SANITIZE=ON -DLUMO_BENCH=OFF
+	cmake --build $(ASAN_BUILD) -j $(JOBS)
+
+# Day-to-day: the normal build alone.
+check: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+test: build asan
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+	cd $(ASAN_BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# libFuzzer targets, built with clang; `make fuzz-run FUZZ_SECONDS=300` runs each one.
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMO_FUZZ=ON
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+
+fuzz-run: fuzz
+	mkdir -p $(FUZZ_BUILD)/corpus/parse_phone_data
+	$(FUZZ_BUILD)/fuzz/fuzz_parse_phone_data -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	  -max_len=70000 $(FUZZ_BUILD)/corpus/parse_phone_data fuzz/seeds/parse_phone_data
+
+bench: build
+	$(BUILD)/bench/bench_dispatch
+
+# The end-to-end demo (reference host against the simulated phone) arrives with the simulator;
+# until then the demo runs the frame path on synthetic frames and prints what it measured.
+demo: build
+	@echo "lumo-phonecam demo with lumo-phonesim is not built yet; running the frame-path benchmark instead."
+	$(BUILD)/bench/bench_dispatch --quick
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

@@ -1,0 +1,25 @@
+// File-system locations and wide-path file access. Paths are wide strings, as the host sees them.
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+namespace lumo {
+
+// The user's roaming application-data folder. The environment variable LUMO_APPDATA, when set
+// and not empty, replaces it on every platform (tests and side-by-side installs use it).
+std::wstring AppDataDir();
+// Our own folder inside it: AppDataDir() + "Lumoapp". Ini files, logs, dumps and the per-phone
+// camera-parameter files live here.
+std::wstring ProductDataDir();
+wchar_t PathSeparator();
+std::wstring JoinPath(const std::wstring& dir, const std::wstring& name);
+// Creates one directory level; true when it exists afterwards.
+bool CreateDirectoryOneLevel(const std::wstring& path);
+bool FileExists(const std::wstring& path);
+FILE* OpenFile(const std::wstring& path, const char* mode);
+// Replaces `to` with `from` in one step where the system allows it.
+bool RenameFile(const std::wstring& from, const std::wstring& to);
+std::wstring GetEnvironmentText(const char* name);
+
+}  // namespace lumo

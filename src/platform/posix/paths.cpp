@@ -1,0 +1,51 @@
+#include "platform/paths.h"
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "platform/text.h"
+
+namespace lumo {
+
+std::wstring GetEnvironmentText(const char* name) {
+  const char* v = std::getenv(name);
+  return v ? Utf8ToWide(v) : std::wstring();
+}
+
+std::wstring AppDataDir() {
+  std::wstring dir = GetEnvironmentText("LUMO_APPDATA");
+  if (!dir.empty()) return dir;
+  dir = GetEnvironmentText("XDG_CONFIG_HOME");
+  if (!dir.empty()) return dir;
+  std::wstring home = GetEnvironmentText("HOME");
+  if (home.empty()) home = L"/tmp";
+  return JoinPath(home, L".config");
+}
+
+wchar_t PathSeparator() { return L'/'; }
+
+bool CreateDirectoryOneLevel(const std::wstring& path) {
+  std::string p = WideToUtf8(path);
+  if (::mkdir(p.c_str(), 0755) == 0) return true;
+  if (errno != EEXIST) return false;
+  struct stat st {};
+  return ::stat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool FileExists(const std::wstring& path) {
+  struct stat st {};
+  return ::stat(WideToUtf8(path).c_str(), &st) == 0;
+}
+
+FILE* OpenFile(const std::wstring& path, const char* mode) {
+  return std::fopen(WideToUtf8(path).c_str(), mode);
+}
+
+bool RenameFile(const std::wstring& from, const std::wstring& to) {
+  return std::rename(WideToUtf8(from).c_str(), WideToUtf8(to).c_str()) == 0;
+}
+
+}  // namespace lumo

@@ -1,0 +1,43 @@
+// A thread that can be joined with a time-out. When the time-out passes the thread is given up:
+// terminated on Windows, detached on POSIX (where nothing can stop a thread from outside).
+// Join time-outs are measured in real time, not on the library clock: they guard against a
+// stuck thread, and a test that freezes the clock must still be able to finish.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+namespace lumo {
+
+class Thread {
+ public:
+  Thread();
+  ~Thread();  // waits for a thread that is still running; owners stop theirs first
+  Thread(const Thread&) = delete;
+  Thread& operator=(const Thread&) = delete;
+
+  // Starts `body` on a new thread. False (with LastSystemError set) when the system refuses,
+  // or when this object still holds a thread.
+  bool Start(std::function<void()> body);
+  // True when the thread ended within `timeoutMs`; false when it had to be given up.
+  // Without a thread it returns true at once.
+  bool Join(uint32_t timeoutMs);
+  static constexpr uint32_t kInfinite = 0xFFFFFFFFu;
+  bool HasThread() const;
+  bool IsFinished() const;
+  uint32_t Id() const;  // numeric id for log lines; 0 without a thread
+
+  // A short-lived thread that nobody joins. False when the system refuses.
+  static bool StartDetached(std::function<void()> body);
+  static uint32_t CurrentId();
+
+ private:
+  struct Shared;
+  struct Native;
+  std::shared_ptr<Shared> m_shared;
+  std::unique_ptr<Native> m_native;
+  uint32_t m_id = 0;
+};
+
+}  // namespace lumo
