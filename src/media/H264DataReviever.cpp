@@ -180,28 +180,41 @@ void H264DataReviever::CountFrameKinds(int kind, ePhoneDataSource source) {
   }
 }
 
-int H264DataReviever::FindKeyFrame(const unsigned char* data, unsigned long long len, KeyTest isKey) {
+void H264DataReviever::FindKeyFrames(const unsigned char* data, unsigned long long len, KeyTest primary,
+                                     KeyTest fallback, int& primaryForm, int& fallbackForm) {
   // Start codes are looked for at positions 0 .. len-6, the 3-byte form before the 4-byte form
-  // at each position. Both forms begin with a zero byte, so memchr skips to the candidates.
-  if (len < 6) return 0;
+  // at each position (a position holds at most one of them). Both forms begin with a zero
+  // byte, so memchr skips to the candidates. One pass answers both questions the classifier
+  // may ask: the first key frame of the current codec, and failing that the first of the other.
+  primaryForm = 0;
+  fallbackForm = 0;
+  if (len < 6) return;
   const unsigned long long last = len - 6;
   unsigned long long i = 0;
   while (i <= last) {
     const void* zero = std::memchr(data + i, 0, static_cast<size_t>(last - i + 1));
-    if (zero == nullptr) return 0;
+    if (zero == nullptr) return;
     i = static_cast<unsigned long long>(static_cast<const unsigned char*>(zero) - data);
     if (data[i + 1] != 0) {
       i += 2;  // neither i nor i+1 can begin a start code
       continue;
     }
+    int form = 0;
     if (data[i + 2] == 1) {
-      if (isKey(data[i + 3])) return 3;
+      form = 3;
     } else if (data[i + 2] == 0 && data[i + 3] == 1) {
-      if (isKey(data[i + 4])) return 4;
+      form = 4;
+    }
+    if (form != 0) {
+      const unsigned char header = data[i + form];
+      if (primary(header)) {
+        primaryForm = form;
+        return;
+      }
+      if (fallbackForm == 0 && fallback != nullptr && fallback(header)) fallbackForm = form;
     }
     ++i;
   }
-  return 0;
 }
 
 void H264DataReviever::SwitchCodec(int codec, const char* message) {
@@ -225,35 +238,30 @@ int H264DataReviever::AnalyseVideoFrame(const unsigned char* data, unsigned long
   }
 
   const int codec = m_ctrl->GetCodec();
-  if (codec == kCodecH265) {
-    if (FindKeyFrame(data, len, IsH265Key) != 0) {
-      m_gotIFrame = true;
-      return kKeyFrame;
-    }
-    // Only a key frame of the other codec is evidence of a change, and never while the host
-    // projects other content or from a recent iPhone (always H.265).
-    if (!contentTypeZero || iosHigh || len == 5) return kOtherFrame;
-    const int form = FindKeyFrame(data, len, IsH264Key);
-    if (form == 0) return kOtherFrame;
-    SwitchCodec(kCodecH264, form == 3 ? "H264DataReviever::AnalyseVideoFrame,change decoder 265 to 264 a"
-                                      : "H264DataReviever::AnalyseVideoFrame,change decoder 265 to 264 b");
+  if (codec != kCodecH265 && codec != kCodecH264) return kOtherFrame;
+  const bool h265 = codec == kCodecH265;
+  // Only a key frame of the other codec is evidence of a change, and never while the host
+  // projects other content, for a 5-byte packet, or (H.265 to H.264) from a recent iPhone,
+  // which always sends H.265.
+  const bool maySwitch = contentTypeZero && len != 5 && !(h265 && iosHigh);
+  int form = 0;
+  int otherForm = 0;
+  FindKeyFrames(data, len, h265 ? IsH265Key : IsH264Key, maySwitch ? (h265 ? IsH264Key : IsH265Key) : nullptr,
+                form, otherForm);
+  if (form != 0) {
     m_gotIFrame = true;
     return kKeyFrame;
   }
-  if (codec == kCodecH264) {
-    if (FindKeyFrame(data, len, IsH264Key) != 0) {
-      m_gotIFrame = true;
-      return kKeyFrame;
-    }
-    if (!contentTypeZero || len == 5) return kOtherFrame;
-    const int form = FindKeyFrame(data, len, IsH265Key);
-    if (form == 0) return kOtherFrame;
-    SwitchCodec(kCodecH265, form == 3 ? "H264DataReviever::AnalyseVideoFrame,change decoder 264 to 265 a"
-                                      : "H264DataReviever::AnalyseVideoFrame,change decoder 264 to 265 b");
-    m_gotIFrame = true;
-    return kKeyFrame;
+  if (otherForm == 0) return kOtherFrame;
+  if (h265) {
+    SwitchCodec(kCodecH264, otherForm == 3 ? "H264DataReviever::AnalyseVideoFrame,change decoder 265 to 264 a"
+                                           : "H264DataReviever::AnalyseVideoFrame,change decoder 265 to 264 b");
+  } else {
+    SwitchCodec(kCodecH265, otherForm == 3 ? "H264DataReviever::AnalyseVideoFrame,change decoder 264 to 265 a"
+                                           : "H264DataReviever::AnalyseVideoFrame,change decoder 264 to 265 b");
   }
-  return kOtherFrame;
+  m_gotIFrame = true;
+  return kKeyFrame;
 }
 
 void H264DataReviever::PopH264RawData(VID::VideoRawPkg* record) {

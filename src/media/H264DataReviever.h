@@ -69,9 +69,11 @@ class LUMO_API H264DataReviever {
     unsigned long long index = 0;
   };
 
-  // Which start code form led to a key frame: 3 for 00 00 01, 4 for 00 00 00 01, 0 none.
+  // Start code form (3 for 00 00 01, 4 for 00 00 00 01, 0 none) of the first key frame that
+  // `primary` accepts and, when there is none, of the first that `fallback` accepts.
   using KeyTest = bool (*)(unsigned char header);
-  static int FindKeyFrame(const unsigned char* data, unsigned long long len, KeyTest isKey);
+  static void FindKeyFrames(const unsigned char* data, unsigned long long len, KeyTest primary, KeyTest fallback,
+                            int& primaryForm, int& fallbackForm);
   void SwitchCodec(int codec, const char* message);
   void LogBitrate(unsigned long long len);
   void CountFrameKinds(int kind, ePhoneDataSource source);

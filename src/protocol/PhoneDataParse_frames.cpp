@@ -192,7 +192,8 @@ void PhoneDataParse::ParseRcvJsonData(ePhoneDataSource source, unsigned int len,
     Log(LOG_BAD_DATA, "[phoneVideo]ParseRcvJsonData. Not Object sParam=%s", text.c_str());
     return;
   }
-  const Json::Value* cmdType = root.find("cmdType", "cmdType" + 7);
+  static const char kCmdType[] = "cmdType";
+  const Json::Value* cmdType = root.find(kCmdType, kCmdType + sizeof(kCmdType) - 1);
   if (cmdType == nullptr || !cmdType->isInt()) {
     Log(LOG_BAD_DATA, "[phoneVideo]ParseRcvJsonData. json data error,cmdType not int!sParam=%s", text.c_str());
     return;

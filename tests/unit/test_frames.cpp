@@ -223,6 +223,32 @@ TEST_F(FramesTest, PingsAreAnsweredAndOnlyNewSequencesRefreshTheHeartbeat) {
   EXPECT_EQ(peer.CommandCounter(), 0u);
 }
 
+TEST_F(FramesTest, WifiPhoneRepeatingItsPingNumberTimesOutAlthoughAnswered) {
+  ctrl.SetHwnd(reinterpret_cast<HWND>(0x77));
+  ctrl.SetConnectMode(2);
+  ctrl.StartTimer();
+  Feed(Ping(1), kWifi);
+  for (int second = 1; second <= 30; ++second) {
+    sim.clock.AdvanceMs(1000);
+    Feed(Ping(1), kWifi);  // answered every time, but proves nothing new
+    host.FireTimer(131);
+  }
+  EXPECT_EQ(wifi.Frames().size(), 31u);
+  EXPECT_TRUE(host.Messages().empty());
+  sim.clock.AdvanceMs(1);
+  host.FireTimer(131);
+  auto messages = host.Messages();
+  ASSERT_EQ(messages.size(), 1u);
+  EXPECT_EQ(messages[0].json["interMsg"]["Msg"].asUInt(), 7054u);
+  EXPECT_EQ(messages[0].json["interMsg"]["wParam"].asUInt(), 2u);
+  EXPECT_EQ(messages[0].json["interMsg"]["lParam"].asUInt(), 2u);
+
+  // Only a new time match restarts the heartbeat; a fresh ping does not.
+  Feed(Ping(2), kWifi);
+  EXPECT_FALSE(host.IsTimerActive(131));
+  EXPECT_FALSE(ctrl.IsTimerRunning());
+}
+
 TEST_F(FramesTest, ShortPingIsDroppedAndUnregisteredSourcesStaySilent) {
   Feed(Bytes({4, 0, 0, 7}));
   EXPECT_TRUE(usb.Frames().empty());
