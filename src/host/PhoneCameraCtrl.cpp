@@ -106,7 +106,11 @@ void CPhoneCameraCtrl::OnTimer(int id) {
   if (m_hWnd.load()) PostLiveMessage(kMsgAppStop, 2, 2);
 }
 
-void CPhoneCameraCtrl::PostJson(Json::Value* value) {
+void CPhoneCameraCtrl::PostJson(int interCmd, const Json::Value& inner) {
+  auto* value = new Json::Value(Json::objectValue);
+  (*value)["sockType"] = 1;
+  (*value)["interCmd"] = interCmd;
+  (*value)["interMsg"] = inner;
   // Ownership passes to the host only when it accepted the message.
   if (!lumo::PostHostMessage(m_hWnd.load(), kHostMessage, kHostMessageWParam, reinterpret_cast<intptr_t>(value))) {
     delete value;
@@ -114,15 +118,11 @@ void CPhoneCameraCtrl::PostJson(Json::Value* value) {
 }
 
 void CPhoneCameraCtrl::PostLiveMessage(unsigned int msg, unsigned int wParam, unsigned int lParam) {
-  auto* value = new Json::Value(Json::objectValue);
   Json::Value inner(Json::objectValue);
   inner["Msg"] = msg;
   inner["wParam"] = wParam;
   inner["lParam"] = lParam;
-  (*value)["sockType"] = 1;
-  (*value)["interCmd"] = 409;
-  (*value)["interMsg"] = inner;
-  PostJson(value);
+  PostJson(409, inner);
   Log(LOG_INFO, "[lumosource]_msglive %d, wp:%d, lp:%d", msg, wParam, lParam);
 }
 
@@ -131,15 +131,11 @@ void CPhoneCameraCtrl::SendPostStrMsgCmdToHxProcess(const std::string& wParam, c
     Log(LOG_ERROR, "[CPhoneCameraCtrl] SendPostStrMsgCmdToHxProcess hwnd is null");
     return;
   }
-  auto* value = new Json::Value(Json::objectValue);
   Json::Value inner(Json::objectValue);
   inner["Msg"] = kMsgCameraInfo;
   inner["wParam"] = wParam;
   inner["lParam"] = lParam;
-  (*value)["sockType"] = 1;
-  (*value)["interCmd"] = 419;
-  (*value)["interMsg"] = inner;
-  PostJson(value);
+  PostJson(419, inner);
 }
 
 void CPhoneCameraCtrl::NotifyAppActiveStop(ePhoneDataSource source, int code, const std::string& message) {

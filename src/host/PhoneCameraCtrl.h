@@ -103,7 +103,8 @@ class LUMO_API CPhoneCameraCtrl : public TMR::ITimerCB {
   Json::Value GetSupportedVersions();
 
  private:
-  void PostJson(Json::Value* value);
+  // Wraps `inner` as {"sockType":1,"interCmd":..,"interMsg":inner} and posts it (7025, 1004).
+  void PostJson(int interCmd, const Json::Value& inner);
 
   std::recursive_mutex m_lock;  // guards the JSON list and the strings below
   Json::Value m_supportVersions{Json::arrayValue};

@@ -67,6 +67,9 @@ class LUMO_API PhoneDataParse {
   bool DispatchJsonCommand(ePhoneDataSource source, int cmdType, const Json::Value& root, ePhoneType phoneType);
   // Reads the phone timestamp and stamps the last-media time; returns the PC time in ms.
   unsigned long long StampMediaTime(const unsigned char* header, unsigned long long& phoneTs);
+  // Keeps the latest PC-minus-phone difference and logs it every `every` frames.
+  void CountLatency(int& count, long long& lastDiff, int every, const char* format, unsigned long long now,
+                    unsigned long long phoneTs);
 
   std::string Json2Str(Json::Value value);
   std::string ConstrcutCmd(std::string json);

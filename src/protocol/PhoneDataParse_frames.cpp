@@ -100,6 +100,17 @@ unsigned long long PhoneDataParse::StampMediaTime(const unsigned char* header, u
   return q / 10000;
 }
 
+void PhoneDataParse::CountLatency(int& count, long long& lastDiff, int every, const char* format,
+                                  unsigned long long now, unsigned long long phoneTs) {
+  ++count;
+  lastDiff = static_cast<long long>(now - phoneTs);
+  if (count == every) {
+    Log(LOG_INFO, format, now, phoneTs, lastDiff);
+    count = 0;
+    lastDiff = 0;
+  }
+}
+
 void PhoneDataParse::ParseRcvFormatH264Data(ePhoneDataSource source, unsigned int len, signed char* body) {
   // A body shorter than the header would make the payload length wrap around; it is rejected
   // like one that leaves fewer than 3 payload bytes.
@@ -110,14 +121,8 @@ void PhoneDataParse::ParseRcvFormatH264Data(ePhoneDataSource source, unsigned in
   const auto* header = reinterpret_cast<const unsigned char*>(body);
   unsigned long long phoneTs = 0;
   unsigned long long now = StampMediaTime(header, phoneTs);
-  ++m_videoLatencyCount;
-  m_lastVideoDiff = static_cast<long long>(now - phoneTs);
-  if (m_videoLatencyCount == 300) {
-    Log(LOG_INFO, "[phoneVideo] Video calculate latency, current %I64u , phone:%I64u, diff:%lld", now, phoneTs,
-        m_lastVideoDiff);
-    m_videoLatencyCount = 0;
-    m_lastVideoDiff = 0;
-  }
+  CountLatency(m_videoLatencyCount, m_lastVideoDiff, 300,
+               "[phoneVideo] Video calculate latency, current %I64u , phone:%I64u, diff:%lld", now, phoneTs);
   m_video->PushH264RawData(header + kMediaHeaderSize, len - kMediaHeaderSize, phoneTs, source);
 }
 
@@ -130,14 +135,8 @@ void PhoneDataParse::ParseRcvRawAACdata(ePhoneDataSource source, unsigned int le
   bool second = header[4] == 0 && header[5] == 0 && header[6] == 0 && header[7] == 1;
   unsigned long long phoneTs = 0;
   unsigned long long now = StampMediaTime(header, phoneTs);
-  ++m_aacLatencyCount;
-  m_lastAacDiff = static_cast<long long>(now - phoneTs);
-  if (m_aacLatencyCount == 500) {
-    Log(LOG_INFO, "[phoneVideo]AAC. calculate latency, current %I64u , phone:%I64u, diff:%lld", now, phoneTs,
-        m_lastAacDiff);
-    m_aacLatencyCount = 0;
-    m_lastAacDiff = 0;
-  }
+  CountLatency(m_aacLatencyCount, m_lastAacDiff, 500,
+               "[phoneVideo]AAC. calculate latency, current %I64u , phone:%I64u, diff:%lld", now, phoneTs);
   AudioDataReviever* receiver = second ? m_audio2 : m_audio1;
   receiver->PushAACRawData(header + kMediaHeaderSize, len - kMediaHeaderSize, phoneTs);
 }
