@@ -23,7 +23,7 @@
 #include "host/PhoneCameraTypes.h"
 #include "platform/host_window.h"
 
-class LUMO_API CPhoneCameraCtrl : public TMR::ITimerCB {
+class CPhoneCameraCtrl : public TMR::ITimerCB {
  public:
   static CPhoneCameraCtrl* GetInstance();
 

@@ -14,7 +14,7 @@
 
 class CPhoneCameraCtrl;
 
-class LUMO_API AudioDataReviever {
+class AudioDataReviever {
  public:
   // 1 gives instance 1, any other value instance 2.
   static AudioDataReviever* GetInstance(int n);

@@ -22,7 +22,7 @@
 
 class CPhoneCameraCtrl;
 
-class LUMO_API H264DataReviever {
+class H264DataReviever {
  public:
   static H264DataReviever* GetInstance();
 

@@ -10,6 +10,7 @@
 #include "support/FakeHost.h"
 #include "support/SimClock.h"
 #include "support/TempDir.h"
+#include "platform/paths.h"
 #include "platform/text.h"
 
 namespace {
@@ -189,12 +190,13 @@ TEST_F(CameraCtrlTest, CameraParamPathFollowsThePhoneName) {
   CPhoneCameraCtrl ctrl;
   ctrl.SetPhoneName("iPhone12,1 的相机");
   ctrl.UpdateCameraParamPath();
-  std::wstring expected = lumo::Utf8ToWide(appData.path) + L"/Lumoapp/PhoneCamParams/iPhone12,1 \u7684\u76f8\u673a.json";
+  std::wstring dir = lumo::JoinPath(lumo::JoinPath(lumo::Utf8ToWide(appData.path), L"Lumoapp"), L"PhoneCamParams");
+  std::wstring expected = lumo::JoinPath(dir, L"iPhone12,1 \u7684\u76f8\u673a.json");
   EXPECT_EQ(ctrl.GetCameraParamPath(), expected);
   EXPECT_TRUE(std::filesystem::is_directory(appData.path + "/Lumoapp/PhoneCamParams"));
   ctrl.SetPhoneName("");
   ctrl.UpdateCameraParamPath();
-  EXPECT_EQ(ctrl.GetCameraParamPath(), lumo::Utf8ToWide(appData.path) + L"/Lumoapp/PhoneCamParams/.json");
+  EXPECT_EQ(ctrl.GetCameraParamPath(), lumo::JoinPath(dir, L".json"));
 }
 
 TEST_F(CameraCtrlTest, FrameCountersAreTakenAndCleared) {

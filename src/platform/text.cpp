@@ -1,9 +1,24 @@
 #include "platform/text.h"
 
-// wchar_t holds whole code points here (UTF-32).
-static_assert(sizeof(wchar_t) == 4, "POSIX text conversion expects a 32-bit wchar_t");
+#include <cstdint>
+
+// One conversion for every platform: wchar_t is UTF-16 on Windows and UTF-32 elsewhere, and
+// malformed input gives the same U+FFFD replacements on both.
 
 namespace lumo {
+namespace {
+
+void AppendCodePoint(std::wstring& out, uint32_t cp) {
+  if (sizeof(wchar_t) == 2 && cp >= 0x10000) {
+    cp -= 0x10000;
+    out.push_back(static_cast<wchar_t>(0xD800 + (cp >> 10)));
+    out.push_back(static_cast<wchar_t>(0xDC00 + (cp & 0x3FF)));
+  } else {
+    out.push_back(static_cast<wchar_t>(cp));
+  }
+}
+
+}  // namespace
 
 std::wstring Utf8ToWide(const std::string& text) {
   std::wstring out;
@@ -39,7 +54,7 @@ std::wstring Utf8ToWide(const std::string& text) {
       ++i;  // resynchronise on the next byte
       continue;
     }
-    out.push_back(static_cast<wchar_t>(cp));
+    AppendCodePoint(out, cp);
     i += len;
   }
   return out;
@@ -48,8 +63,18 @@ std::wstring Utf8ToWide(const std::string& text) {
 std::string WideToUtf8(const std::wstring& text) {
   std::string out;
   out.reserve(text.size());
-  for (wchar_t wc : text) {
-    uint32_t cp = static_cast<uint32_t>(wc);
+  for (size_t i = 0; i < text.size(); ++i) {
+    uint32_t cp = static_cast<uint32_t>(text[i]);
+    if (sizeof(wchar_t) == 2) {
+      cp &= 0xFFFF;
+      if (cp >= 0xD800 && cp <= 0xDBFF && i + 1 < text.size()) {
+        uint32_t low = static_cast<uint32_t>(text[i + 1]) & 0xFFFF;
+        if (low >= 0xDC00 && low <= 0xDFFF) {
+          cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
+          ++i;
+        }
+      }
+    }
     if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) cp = 0xFFFD;
     if (cp < 0x80) {
       out.push_back(static_cast<char>(cp));
