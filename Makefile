@@ -49,13 +49,13 @@ check: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
 check-windows: windows
-	cd $(WIN_BUILD) && ctest --output-on-failure
+	cd $(WIN_BUILD) && ctest --output-on-failure --timeout 300
 	wineserver -k 2>/dev/null || true
 
 test: build asan windows
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 	cd $(ASAN_BUILD) && ctest --output-on-failure -j $(JOBS)
-	cd $(WIN_BUILD) && ctest --output-on-failure
+	cd $(WIN_BUILD) && ctest --output-on-failure --timeout 300
 	wineserver -k 2>/dev/null || true
 
 # libFuzzer targets, built with clang; `make fuzz-run FUZZ_SECONDS=300` runs each one.

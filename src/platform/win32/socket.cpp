@@ -1,0 +1,143 @@
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
+#include <climits>
+#include <mutex>
+
+#include "platform/socket.h"
+
+namespace lumo {
+namespace {
+
+sockaddr_in ToSockaddr(const Ipv4Endpoint& e) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(e.address);
+  a.sin_port = htons(e.port);
+  return a;
+}
+
+Ipv4Endpoint FromSockaddr(const sockaddr_in& a) { return Ipv4Endpoint{ntohl(a.sin_addr.s_addr), ntohs(a.sin_port)}; }
+
+SOCKET S(SocketHandle s) { return static_cast<SOCKET>(s); }
+SocketHandle H(SOCKET s) { return s == INVALID_SOCKET ? kInvalidSocket : static_cast<SocketHandle>(s); }
+int Clamp(size_t size) { return size > static_cast<size_t>(INT_MAX) ? INT_MAX : static_cast<int>(size); }
+
+}  // namespace
+
+bool NetStartup() {
+  static bool ok = [] {
+    WSADATA data;
+    return WSAStartup(MAKEWORD(2, 2), &data) == 0;
+  }();
+  return ok;
+}
+
+SocketHandle OpenTcpSocket() {
+  NetStartup();
+  return H(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+}
+
+SocketHandle OpenUdpSocket() {
+  NetStartup();
+  return H(::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP));
+}
+
+void CloseSocket(SocketHandle& socket) {
+  if (socket == kInvalidSocket) return;
+  ::closesocket(S(socket));
+  socket = kInvalidSocket;
+}
+
+void ShutdownSocket(SocketHandle socket) {
+  if (socket != kInvalidSocket) ::shutdown(S(socket), SD_BOTH);
+}
+
+bool ConnectSocket(SocketHandle socket, const Ipv4Endpoint& to) {
+  sockaddr_in a = ToSockaddr(to);
+  return ::connect(S(socket), reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0;
+}
+
+bool BindSocket(SocketHandle socket, const Ipv4Endpoint& at) {
+  BOOL on = TRUE;
+  ::setsockopt(S(socket), SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&on), sizeof(on));
+  sockaddr_in a = ToSockaddr(at);
+  return ::bind(S(socket), reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0;
+}
+
+bool ListenSocket(SocketHandle socket, int backlog) { return ::listen(S(socket), backlog) == 0; }
+
+SocketHandle AcceptSocket(SocketHandle listener, Ipv4Endpoint* peer) {
+  sockaddr_in a{};
+  int len = sizeof(a);
+  SOCKET s = ::accept(S(listener), reinterpret_cast<sockaddr*>(&a), &len);
+  if (s == INVALID_SOCKET) return kInvalidSocket;
+  if (peer) *peer = FromSockaddr(a);
+  return H(s);
+}
+
+bool LocalEndpoint(SocketHandle socket, Ipv4Endpoint& endpoint) {
+  sockaddr_in a{};
+  int len = sizeof(a);
+  if (::getsockname(S(socket), reinterpret_cast<sockaddr*>(&a), &len) != 0) return false;
+  endpoint = FromSockaddr(a);
+  return true;
+}
+
+int SendSocket(SocketHandle socket, const void* data, size_t size) {
+  return ::send(S(socket), static_cast<const char*>(data), Clamp(size), 0);
+}
+
+int RecvSocket(SocketHandle socket, void* buffer, size_t size, bool waitAll) {
+  return ::recv(S(socket), static_cast<char*>(buffer), Clamp(size), waitAll ? MSG_WAITALL : 0);
+}
+
+int SendToSocket(SocketHandle socket, const void* data, size_t size, const Ipv4Endpoint& to) {
+  sockaddr_in a = ToSockaddr(to);
+  return ::sendto(S(socket), static_cast<const char*>(data), Clamp(size), 0, reinterpret_cast<sockaddr*>(&a),
+                  sizeof(a));
+}
+
+int RecvFromSocket(SocketHandle socket, void* buffer, size_t size, Ipv4Endpoint& from) {
+  sockaddr_in a{};
+  int len = sizeof(a);
+  int n = ::recvfrom(S(socket), static_cast<char*>(buffer), Clamp(size), 0, reinterpret_cast<sockaddr*>(&a), &len);
+  if (n >= 0) from = FromSockaddr(a);
+  return n;
+}
+
+bool SetReceiveTimeout(SocketHandle socket, uint32_t timeoutMs) {
+  DWORD ms = timeoutMs;
+  return ::setsockopt(S(socket), SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&ms), sizeof(ms)) == 0;
+}
+
+NetWait WaitReadable(SocketHandle socket, uint32_t timeoutMs) {
+  WSAPOLLFD p{S(socket), POLLRDNORM, 0};
+  int rc = ::WSAPoll(&p, 1, timeoutMs > INT_MAX ? INT_MAX : static_cast<INT>(timeoutMs));
+  if (rc == SOCKET_ERROR) return NetWait::Error;
+  return rc == 0 ? NetWait::TimedOut : NetWait::Readable;
+}
+
+int LastNetError() { return WSAGetLastError(); }
+
+NetErrorKind ClassifyNetError(int code) {
+  switch (code) {
+    case 0:
+      return NetErrorKind::None;
+    case WSAEWOULDBLOCK:
+      return NetErrorKind::WouldBlock;
+    case WSAECONNRESET:
+    case WSAECONNABORTED:
+      return NetErrorKind::ConnectionReset;
+    case WSAECONNREFUSED:
+      return NetErrorKind::ConnectionRefused;
+    case WSAETIMEDOUT:
+      return NetErrorKind::TimedOut;
+    case WSAEINTR:
+      return NetErrorKind::Interrupted;
+    default:
+      return NetErrorKind::Other;
+  }
+}
+
+}  // namespace lumo
