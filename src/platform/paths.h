@@ -12,6 +12,9 @@ std::wstring AppDataDir();
 // Our own folder inside it: AppDataDir() + "Lumoapp". Ini files, logs, dumps and the per-phone
 // camera-parameter files live here.
 std::wstring ProductDataDir();
+// Where the audio debug dumps go: the root of drive E: on Windows, where they have always been
+// written; ProductDataDir() elsewhere.
+std::wstring DebugDumpDir();
 wchar_t PathSeparator();
 std::wstring JoinPath(const std::wstring& dir, const std::wstring& name);
 // Creates one directory level; true when it exists afterwards.

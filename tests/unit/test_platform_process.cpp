@@ -87,8 +87,11 @@ TEST(Processes, FindsItselfByNameAndPath) {
   EXPECT_EQ(lumo::GetProcessPathByPid(lumo::CurrentProcessId()), self);
   std::wstring name = self.substr(self.find_last_of(L"/\\") + 1);
   uint32_t found = lumo::FindProcessByName(name);
-  ASSERT_NE(found, 0u);  // this process, or a sibling of the same program: the same path
-  EXPECT_EQ(lumo::GetProcessPathByPid(found), self);
+  // This process, or another run of a program with the same name (a second build's tests).
+  ASSERT_NE(found, 0u);
+  std::wstring foundPath = lumo::GetProcessPathByPid(found);
+  ASSERT_GE(foundPath.size(), name.size());
+  EXPECT_EQ(foundPath.substr(foundPath.size() - name.size()), name);
   EXPECT_EQ(lumo::FindProcessByName(L"no-such-program-5037"), 0u);
   EXPECT_EQ(lumo::KillProcess(0x7FFFFFF0u), lumo::KillResult::OpenFailed);
 }

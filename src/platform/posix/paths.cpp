@@ -25,6 +25,8 @@ std::wstring AppDataDir() {
   return JoinPath(home, L".config");
 }
 
+std::wstring DebugDumpDir() { return ProductDataDir(); }
+
 wchar_t PathSeparator() { return L'/'; }
 
 bool CreateDirectoryOneLevel(const std::wstring& path) {

@@ -27,6 +27,8 @@ std::wstring AppDataDir() {
   return GetEnvironmentText("APPDATA");
 }
 
+std::wstring DebugDumpDir() { return L"e:\\"; }
+
 wchar_t PathSeparator() { return L'\\'; }
 
 bool CreateDirectoryOneLevel(const std::wstring& path) {
