@@ -86,6 +86,13 @@ class LUMO_API CVideoDecoder {
   static constexpr int kFailuresBeforeReset = 91;
 
  private:
+  static constexpr int kCodecH265 = 2;
+  static constexpr uint64_t kSlowUs = 30000;           // a decode slower than this is logged
+  static constexpr uint64_t kKeyFrameWaitUs = 10000;   // poll while no key frame has come
+  static constexpr uint64_t kSettleWaitUs = 500000;    // once, after the first key frame
+  static constexpr uint64_t kStatisticsWindowUs = 60000000;
+  static constexpr uint32_t kStopJoinMs = 1000;
+  static constexpr int kMaxFilePackets = 502;
   friend class VideoDecoderTestPeer;
 
   struct YuvFrame {
