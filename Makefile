@@ -70,6 +70,7 @@ fuzz-run: fuzz
 
 bench: build
 	$(BUILD)/bench/bench_dispatch
+	$(BUILD)/bench/bench_decode
 
 # The end-to-end demo (reference host against the simulated phone) arrives with the simulator;
 # until then the demo runs the frame path on synthetic frames and prints what it measured.
