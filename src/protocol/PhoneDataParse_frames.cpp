@@ -8,7 +8,10 @@
 #include "host/Log.h"
 #include "host/PhoneCameraCtrl.h"
 #include "media/AudioDataReviever.h"
+#include "media/CAudioDecoder.h"
+#include "media/CVideoDecoder.h"
 #include "media/H264DataReviever.h"
+#include "protocol/JsonMember.h"
 #include "protocol/PhoneDataParse.h"
 
 namespace {
@@ -37,13 +40,22 @@ unsigned long long NextSequence(std::atomic<unsigned long long>& counter) {
 
 PhoneDataParse* PhoneDataParse::GetInstance() {
   static PhoneDataParse instance(CPhoneCameraCtrl::GetInstance(), H264DataReviever::GetInstance(),
-                                 AudioDataReviever::GetInstance(1), AudioDataReviever::GetInstance(2));
+                                 AudioDataReviever::GetInstance(1), AudioDataReviever::GetInstance(2),
+                                 CVideoDecoder::GetInstance(), CAudioDecoder::GetInstance(1),
+                                 CAudioDecoder::GetInstance(2));
   return &instance;
 }
 
 PhoneDataParse::PhoneDataParse(CPhoneCameraCtrl* ctrl, H264DataReviever* video, AudioDataReviever* audio1,
-                               AudioDataReviever* audio2)
-    : m_ctrl(ctrl), m_video(video), m_audio1(audio1), m_audio2(audio2) {
+                               AudioDataReviever* audio2, CVideoDecoder* decoder, CAudioDecoder* audioDecoder1,
+                               CAudioDecoder* audioDecoder2)
+    : m_ctrl(ctrl),
+      m_video(video),
+      m_audio1(audio1),
+      m_audio2(audio2),
+      m_decoder(decoder),
+      m_audioDecoder1(audioDecoder1),
+      m_audioDecoder2(audioDecoder2) {
   m_senders[PHONE_DATA_SOURCE_USB] = nullptr;
   m_senders[PHONE_DATA_SOURCE_WIFI] = nullptr;
   Log(LOG_INFO, "[phoneVideo] reset video quality");
@@ -123,6 +135,7 @@ void PhoneDataParse::ParseRcvFormatH264Data(ePhoneDataSource source, unsigned in
   unsigned long long now = StampMediaTime(header, phoneTs);
   CountLatency(m_videoLatencyCount, m_lastVideoDiff, 300,
                "[phoneVideo] Video calculate latency, current %I64u , phone:%I64u, diff:%lld", now, phoneTs);
+  AnalyseVideoQualityDelay(source, now, phoneTs);
   m_video->PushH264RawData(header + kMediaHeaderSize, len - kMediaHeaderSize, phoneTs, source);
 }
 
@@ -191,8 +204,7 @@ void PhoneDataParse::ParseRcvJsonData(ePhoneDataSource source, unsigned int len,
     Log(LOG_BAD_DATA, "[phoneVideo]ParseRcvJsonData. Not Object sParam=%s", text.c_str());
     return;
   }
-  static const char kCmdType[] = "cmdType";
-  const Json::Value* cmdType = root.find(kCmdType, kCmdType + sizeof(kCmdType) - 1);
+  const Json::Value* cmdType = lumo::FindMember(root, "cmdType");
   if (cmdType == nullptr || !cmdType->isInt()) {
     Log(LOG_BAD_DATA, "[phoneVideo]ParseRcvJsonData. json data error,cmdType not int!sParam=%s", text.c_str());
     return;
@@ -202,14 +214,25 @@ void PhoneDataParse::ParseRcvJsonData(ePhoneDataSource source, unsigned int len,
 
 bool PhoneDataParse::DispatchJsonCommand(ePhoneDataSource source, int cmdType, const Json::Value& root,
                                          ePhoneType phoneType) {
-  // The phone's messages 2000-2017 get their handlers as the session, capture, camera and
-  // quality layers are built; a number without a handler (2009 and 2010 among them) is ignored.
-  (void)source;
-  (void)root;
-  (void)phoneType;
+  // The phone's messages; 2009, 2010 and every number not listed are ignored.
   switch (cmdType) {
-    default:
-      return false;
+    case 2000: OnRcvResponseNetTest(source, root); return true;
+    case 2001: OnRcvResponseMatchTimeSpam(source, root); return true;
+    case 2002: OnRcvResponseStartCapture(source, root); return true;
+    case 2003: OnRcvResponseStopCapture(source, root); return true;
+    case 2004: OnRcvResponseMonitorPhone(source, root); return true;
+    case 2005: OnRcvResponsePcConnnect(source, root); return true;
+    case 2006: OnRcvResponsePhonePrepare(source, root); return true;
+    case 2007: OnRcvResponseVideoQuality(source, root, phoneType); return true;
+    case 2008: OnRevResponseAppActiveStopVideo(source, root); return true;
+    case 2011: OnRcvResponseGetCameraParams(source, root, phoneType); return true;
+    case 2012: OnRcvResponseSetCameraParams(source, root); return true;
+    case 2013: OnRcvResponseSetContentType(source, root); return true;
+    case 2014: OnRcvResponseStartAudioCapture(source, root); return true;
+    case 2015: OnRcvAppStartProjection(source, root); return true;
+    case 2016: OnRcvResponseSetExposureStat(source, root); return true;
+    case 2017: OnRcvAppSwitchPhone(source, root); return true;
+    default: return false;
   }
 }
 
