@@ -122,6 +122,7 @@ class LUMO_API PhoneDataParse {
   void OnRcvAppStartProjection(ePhoneDataSource source, Json::Value root);
   void OnRcvResponseSetExposureStat(ePhoneDataSource source, Json::Value root);
   void OnRcvAppSwitchPhone(ePhoneDataSource source, Json::Value root);
+  void ResetVideoQualityForCapture();
   static void MonitorStartCaptureProcProxy(PhoneDataParse* self);
   void MonitorStartCaptureProc();
 

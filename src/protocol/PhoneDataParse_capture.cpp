@@ -81,10 +81,16 @@ void PhoneDataParse::StartCapture(ePhoneDataSource source) {
   SendJsonData(source, text);
   Log(LOG_INFO, "[phoneVideo] protocol StartCapture:%s", text.c_str());
 
+  ResetVideoQualityForCapture();
+  if (m_video != nullptr) m_video->OnStopCapture();
+}
+
+// A capture start or stop begins the delay measurement afresh: offsets from one capture say
+// nothing about the next.
+void PhoneDataParse::ResetVideoQualityForCapture() {
   m_qualityLastSeq = ~0ull;
   Log(LOG_INFO, "[phoneVideo] reset video quality");
   ResetVideoTsData();
-  if (m_video != nullptr) m_video->OnStopCapture();
 }
 
 void PhoneDataParse::MonitorStartCaptureProcProxy(PhoneDataParse* self) { self->MonitorStartCaptureProc(); }
@@ -109,6 +115,7 @@ void PhoneDataParse::StopCapture(ePhoneDataSource source) {
   SendJsonData(source, text);
   Log(LOG_INFO, "[phoneVideo] protocol StopCapture:%s", text.c_str());
   if (m_video != nullptr) m_video->OnStopCapture();
+  ResetVideoQualityForCapture();
   m_ctrl->SetPhoneTimeBase(0, static_cast<ePhoneDataSource>(0));
   Log(LOG_INFO, "[phoneVideo] [liveTs] set phone ts:%I64u phoneDataSrc:%d", 0ull, 0);
   // Gives the phone a moment to stop before the caller tears anything down.

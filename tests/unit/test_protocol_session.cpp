@@ -376,6 +376,8 @@ TEST_F(SessionTest, StopCaptureClearsTimeBaseAndPauses) {
   EXPECT_EQ(static_cast<int>(ctrl.GetPhoneTimeBaseSource()), 0);
   EXPECT_EQ(Texts(usb).back(), "{\"cmdType\":1003}\n");
   EXPECT_TRUE(host.HasLog(2, "[phoneVideo] [liveTs] set phone ts:0 phoneDataSrc:0"));
+  // The delay measurement starts afresh with the next capture.
+  EXPECT_TRUE(host.HasLog(2, "[phoneSource] ResetVideoTsData"));
 
   Feed(R"({"cmdType":2004,"phoneName":"Pixel,7","sysVer":"14"})");
   Feed(R"({"cmdType":2003})");
