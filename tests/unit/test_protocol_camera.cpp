@@ -13,6 +13,7 @@
 #include "protocol/PhoneDataParse.h"
 #include "support/CapturingSender.h"
 #include "support/FakeHost.h"
+#include "support/ParserWorld.h"
 #include "support/SimClock.h"
 
 namespace lumo {
@@ -40,24 +41,13 @@ struct RecordingCallbacks : IUSBEventCallback, IWifiEventCallback {
   std::vector<std::pair<Json::Value, bool>> calls;
 };
 
-class CameraParamsTest : public ::testing::Test {
+class CameraParamsTest : public ::testing::Test, protected lumo::test::ParserWorld {
  protected:
-  lumo::test::ScopedSimClock sim;
-  lumo::test::FakeHost host;
-  CPhoneCameraCtrl ctrl;
-  H264DataReviever video{&ctrl};
-  AudioDataReviever audio1{&ctrl};
-  AudioDataReviever audio2{&ctrl};
-  PhoneDataParse parser{&ctrl, &video, &audio1, &audio2};
-  CapturingSender usb, wifi;
   RecordingCallbacks usbEvents, wifiEvents;
 
   void SetUp() override {
-    parser.SetDataSender(kUsb, &usb);
-    parser.SetDataSender(kWifi, &wifi);
     parser.SetUSBCallback(&usbEvents);
     parser.SetWifiCallback(&wifiEvents);
-    ctrl.SetHwnd(reinterpret_cast<HWND>(0x1234));
   }
 
   void Feed(const std::string& text, ePhoneDataSource source = kUsb, ePhoneType type = PHONE_TYPE_ANDROID) {
@@ -66,11 +56,6 @@ class CameraParamsTest : public ::testing::Test {
                           type);
   }
   // The JSON texts sent so far (each frame's text starts after the 9-byte header).
-  static std::vector<std::string> Texts(CapturingSender& sender) {
-    std::vector<std::string> out;
-    for (const std::string& f : sender.Frames()) out.push_back(f.substr(9));
-    return out;
-  }
   // The 3340 information texts posted to the host window.
   std::vector<std::string> InfoTexts() {
     std::vector<std::string> out;

@@ -11,6 +11,7 @@
 #include "protocol/PhoneDataParse.h"
 #include "support/CapturingSender.h"
 #include "support/FakeHost.h"
+#include "support/ParserWorld.h"
 #include "support/SimClock.h"
 
 using lumo::test::Bytes;
@@ -21,34 +22,11 @@ namespace {
 constexpr ePhoneDataSource kUsb = PHONE_DATA_SOURCE_USB;
 constexpr ePhoneDataSource kWifi = PHONE_DATA_SOURCE_WIFI;
 
-class QualityTest : public ::testing::Test {
+class QualityTest : public ::testing::Test, protected lumo::test::ParserWorld {
  protected:
-  lumo::test::ScopedSimClock sim;
-  lumo::test::FakeHost host;
-  CPhoneCameraCtrl ctrl;
-  H264DataReviever video{&ctrl};
-  AudioDataReviever audio1{&ctrl};
-  AudioDataReviever audio2{&ctrl};
-  PhoneDataParse parser{&ctrl, &video, &audio1, &audio2};
-  CapturingSender usb, wifi;
 
-  void SetUp() override {
-    parser.SetDataSender(kUsb, &usb);
-    parser.SetDataSender(kWifi, &wifi);
-    ctrl.SetHwnd(reinterpret_cast<HWND>(0x1234));
-  }
-
-  void FeedFrame(std::string frame, ePhoneDataSource source, ePhoneType type = PHONE_TYPE_ANDROID) {
-    parser.ParsePhoneData(source, reinterpret_cast<signed char*>(&frame[0]), static_cast<unsigned>(frame.size()),
-                          type);
-  }
   void Json(const std::string& text, ePhoneDataSource source = kUsb, ePhoneType type = PHONE_TYPE_ANDROID) {
-    FeedFrame(Bytes({1, 0, 0, 0, 9}) + text, source, type);
-  }
-  static std::vector<std::string> Texts(CapturingSender& sender) {
-    std::vector<std::string> out;
-    for (const std::string& f : sender.Frames()) out.push_back(f.substr(9));
-    return out;
+    FeedJson(text, source, type);
   }
   // One video frame stamped so that the PC clock is `offset` ms ahead of the phone's.
   void Video(int32_t offset, ePhoneDataSource source = kUsb, PhoneDataParse* to = nullptr) {

@@ -19,6 +19,7 @@
 #include "protocol/PhoneDataParse.h"
 #include "support/CapturingSender.h"
 #include "support/FakeHost.h"
+#include "support/ParserWorld.h"
 #include "support/RecordingAudioOutput.h"
 #include "support/SimClock.h"
 #include "support/TempDir.h"
@@ -55,12 +56,6 @@ std::vector<Command> Commands(CapturingSender& sender) {
   return out;
 }
 
-std::vector<std::string> Texts(CapturingSender& sender) {
-  std::vector<std::string> out;
-  for (auto& c : Commands(sender)) out.push_back(c.json);
-  return out;
-}
-
 // Waits in real time, boundedly, for something another thread will do.
 template <class Pred>
 bool WaitUntil(Pred pred) {
@@ -88,26 +83,14 @@ struct WifiCallback : IWifiEventCallback {
   void OnAppStartProjection() override { ++startProjection; }
 };
 
-class SessionTest : public ::testing::Test {
+class SessionTest : public ::testing::Test, protected lumo::test::ParserWorld {
  protected:
-  lumo::test::ScopedSimClock sim;
-  lumo::test::FakeHost host;
-  lumo::test::ScopedAppData appData;
-  CPhoneCameraCtrl ctrl;
-  H264DataReviever video{&ctrl};
-  AudioDataReviever audio1{&ctrl};
-  AudioDataReviever audio2{&ctrl};
-  PhoneDataParse parser{&ctrl, &video, &audio1, &audio2};
-  CapturingSender usb, wifi;
   UsbCallback usbCallback;
   WifiCallback wifiCallback;
 
   void SetUp() override {
-    parser.SetDataSender(kUsb, &usb);
-    parser.SetDataSender(kWifi, &wifi);
     parser.SetUSBCallback(&usbCallback);
     parser.SetWifiCallback(&wifiCallback);
-    ctrl.SetHwnd(reinterpret_cast<HWND>(0x1234));
   }
   // Detached threads use the parser: drive every one to its end before the fixture goes.
   void TearDown() override { DrainDetached(); }
