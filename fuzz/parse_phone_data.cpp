@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "support/QuietHost.h"
+#include "FuzzWorld.h"
 #include "host/PhoneCameraCtrl.h"
 #include "media/AudioDataReviever.h"
 #include "media/H264DataReviever.h"
@@ -16,35 +16,7 @@
 
 namespace {
 
-using lumo::test::QuietHost;
-
-class CountingSender : public IDataSender {
- public:
-  bool SendData(const std::string& frame) override {
-    bytes += frame.size();
-    return true;
-  }
-  size_t bytes = 0;
-};
-
-struct World {
-  World() {
-    lumo::SetHostServices(&host);
-    ctrl = new CPhoneCameraCtrl();
-    video = new H264DataReviever(ctrl);
-    audio1 = new AudioDataReviever(ctrl);
-    audio2 = new AudioDataReviever(ctrl);
-    parser = new PhoneDataParse(ctrl, video, audio1, audio2);
-    parser->SetDataSender(PHONE_DATA_SOURCE_USB, &usb);
-    parser->SetDataSender(PHONE_DATA_SOURCE_WIFI, &wifi);
-  }
-  QuietHost host;
-  CountingSender usb, wifi;
-  CPhoneCameraCtrl* ctrl;
-  H264DataReviever* video;
-  AudioDataReviever* audio1;
-  AudioDataReviever* audio2;
-  PhoneDataParse* parser;
+struct World : lumo::test::FuzzWorld {
   VID::VideoRawPkg pkg;
   unsigned char aac[AudioDataReviever::kSlotSize];
 };
