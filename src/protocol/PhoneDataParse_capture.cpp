@@ -44,8 +44,15 @@ bool ReadInt(const Json::Value& root, const char* key, int& value) {
 // lets a test (or a host shutting down) see that none is still running.
 std::atomic<int> g_detachedRunning{0};
 
+// Each one sleeps for seconds; a phone that repeats "prepared" or "switch phone" must not be
+// able to pile them up without limit. Sixteen is far above what a real session starts.
+constexpr int kMaxDetached = 16;
+
 bool StartCounted(std::function<void()> body) {
-  ++g_detachedRunning;
+  if (g_detachedRunning.fetch_add(1) >= kMaxDetached) {
+    --g_detachedRunning;
+    return false;
+  }
   bool started = lumo::Thread::StartDetached([body] {
     body();
     --g_detachedRunning;
@@ -73,7 +80,8 @@ void PhoneDataParse::StartCapture(ePhoneDataSource source) {
   m_captureSource = source;
   // Only a camera projection is worth insisting on: the phone may have missed the request.
   if (lumo::Host().GetProjectContentType() == 0) {
-    if (!StartCounted([this] { MonitorStartCaptureProcProxy(this); })) {
+    if (!StartCounted([this] { MonitorStartCaptureProcProxy(this); }) &&
+        !lumo::Host().IsPrintTooFast(10000, "PhoneDataParse::StartCapture retry")) {
       Log(LOG_ERROR, "[phoneVideo] StartCapture: retry thread not started");
     }
   }

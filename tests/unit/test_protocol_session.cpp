@@ -320,6 +320,16 @@ TEST_F(SessionTest, CaptureRetryCancelledByEarlyStartResponse) {
   EXPECT_EQ(host.CountLogsStartingWith("[phoneVideo] protocol ReStartCapture"), 0u);
 }
 
+TEST_F(SessionTest, RepeatedPrepareCannotPileUpRetryThreads) {
+  // A phone that says "prepared" over and over restarts capture each time; the sleeping retry
+  // threads stay bounded however often it does.
+  for (int i = 0; i < 40; ++i) parser.StartCapture(kUsb);
+  ASSERT_TRUE(sim.clock.WaitForSleepers(16));
+  EXPECT_EQ(lumo::DetachedProtocolThreads(), 16);
+  EXPECT_EQ(host.CountLog(4, "[phoneVideo] StartCapture: retry thread not started"), 1u);  // throttled
+  Feed(R"({"cmdType":2002})");
+}
+
 TEST_F(SessionTest, CaptureRetryRepeatsAtThreeSixNineSecondsThenGivesUp) {
   parser.StartCapture(kUsb);
   EXPECT_TRUE(host.HasLog(2, "[phoneVideo] reset video quality"));
