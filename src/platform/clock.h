@@ -4,6 +4,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <ctime>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -36,6 +37,8 @@ void SetClock(Clock* clock);
 Clock& RealClock();
 // "YYYY-MM-DD hh:mm:ss.mmm" in UTC, for log lines.
 std::string FormatWallClock(uint64_t wall100ns);
+// Seconds since the Unix epoch as UTC calendar time (the platform's thread-safe gmtime).
+void UtcTime(time_t secs, struct tm& out);
 
 inline uint32_t TickCountMs() { return GetClock().TickCount(); }
 inline uint64_t PerfCounterUs() { return GetClock().PerfCounterUs(); }

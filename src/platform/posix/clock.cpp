@@ -36,16 +36,7 @@ class PosixClock final : public Clock {
 
 }  // namespace
 
-std::string FormatWallClock(uint64_t wall100ns) {
-  time_t secs = static_cast<time_t>(wall100ns / 10000000u);
-  unsigned ms = static_cast<unsigned>((wall100ns / 10000u) % 1000u);
-  struct tm tm {};
-  gmtime_r(&secs, &tm);
-  char text[40];
-  std::snprintf(text, sizeof(text), "%04d-%02d-%02d %02d:%02d:%02d.%03u", tm.tm_year + 1900, tm.tm_mon + 1,
-                tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ms);
-  return text;
-}
+void UtcTime(time_t secs, struct tm& out) { gmtime_r(&secs, &out); }
 
 Clock& RealClock() {
   static PosixClock clock;
