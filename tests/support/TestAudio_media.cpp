@@ -6,27 +6,12 @@
 #include <cstdio>
 #include <cstring>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavutil/channel_layout.h>
-#include <libavutil/frame.h>
-}
+#include "AudioEncoder.h"
 
 namespace lumo::test {
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
-
-// Moves every packet the encoder has ready into `out`.
-bool Drain(AVCodecContext* ctx, AVPacket* pkt, std::vector<AacFrame>& out) {
-  for (;;) {
-    int rc = avcodec_receive_packet(ctx, pkt);
-    if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return true;
-    if (rc < 0) return false;
-    out.emplace_back(pkt->data, pkt->data + pkt->size);
-    av_packet_unref(pkt);
-  }
-}
 
 uint32_t Le32(const unsigned char* p) {
   return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
@@ -41,54 +26,15 @@ AacStream EncodeAacSine(double frequencyHz, double seconds, int sampleRate, int 
   AacStream stream;
   stream.sampleRate = sampleRate;
   stream.channels = channels;
-  const AVCodec* codec = avcodec_find_encoder_by_name("aac");
-  if (codec == nullptr) {
-    ADD_FAILURE() << "FFmpeg has no native aac encoder";
+  phonesim::AacSineEncoder encoder;
+  if (!encoder.Open(frequencyHz, amplitude, sampleRate, channels, bitRate)) {
+    ADD_FAILURE() << encoder.Error();
     return stream;
   }
-  AVCodecContext* ctx = avcodec_alloc_context3(codec);
-  ctx->sample_fmt = AV_SAMPLE_FMT_FLTP;
-  ctx->sample_rate = sampleRate;
-  av_channel_layout_default(&ctx->ch_layout, channels);
-  ctx->bit_rate = bitRate;
-  ctx->profile = FF_PROFILE_AAC_LOW;
-  if (avcodec_open2(ctx, codec, nullptr) < 0) {
-    ADD_FAILURE() << "aac encoder refused " << sampleRate << " Hz x " << channels;
-    avcodec_free_context(&ctx);
-    return stream;
-  }
-
-  AVFrame* frame = av_frame_alloc();
-  AVPacket* pkt = av_packet_alloc();
-  const int frameSize = ctx->frame_size;  // 1,024 for AAC-LC
   const long long total = static_cast<long long>(seconds * sampleRate);
   bool ok = true;
-  for (long long start = 0; ok && start < total; start += frameSize) {
-    frame->nb_samples = frameSize;
-    frame->format = ctx->sample_fmt;
-    frame->sample_rate = sampleRate;
-    av_channel_layout_copy(&frame->ch_layout, &ctx->ch_layout);
-    if (av_frame_get_buffer(frame, 0) < 0) {
-      ok = false;
-      break;
-    }
-    for (int ch = 0; ch < channels; ++ch) {
-      float* plane = reinterpret_cast<float*>(frame->data[ch]);
-      for (int i = 0; i < frameSize; ++i) {
-        long long n = start + i;
-        plane[i] = n < total ? static_cast<float>(amplitude * std::sin(2 * kPi * frequencyHz * n / sampleRate)) : 0.f;
-      }
-    }
-    frame->pts = start;
-    ok = avcodec_send_frame(ctx, frame) >= 0 && Drain(ctx, pkt, stream.frames);
-    av_frame_unref(frame);
-  }
-  if (ok) ok = avcodec_send_frame(ctx, nullptr) >= 0 && Drain(ctx, pkt, stream.frames);
-  if (!ok) ADD_FAILURE() << "aac encoding failed";
-
-  av_packet_free(&pkt);
-  av_frame_free(&frame);
-  avcodec_free_context(&ctx);
+  for (long long start = 0; ok && start < total; start += encoder.FrameSamples()) ok = encoder.EncodeNext(stream.frames, total);
+  if (!ok || !encoder.Flush(stream.frames)) ADD_FAILURE() << "aac encoding failed";
   return stream;
 }
 
