@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace lumo {
 
@@ -30,7 +31,7 @@ void CloseSocket(SocketHandle& socket);
 void ShutdownSocket(SocketHandle socket);
 
 bool ConnectSocket(SocketHandle socket, const Ipv4Endpoint& to);
-// Binds with address reuse, so that a restarted listener gets its port back at once.
+// Binds; TCP sockets with address reuse, so that a restarted listener gets its port back at once.
 bool BindSocket(SocketHandle socket, const Ipv4Endpoint& at);
 bool ListenSocket(SocketHandle socket, int backlog);
 SocketHandle AcceptSocket(SocketHandle listener, Ipv4Endpoint* peer);
@@ -46,6 +47,12 @@ int RecvFromSocket(SocketHandle socket, void* buffer, size_t size, Ipv4Endpoint&
 bool SetReceiveTimeout(SocketHandle socket, uint32_t timeoutMs);
 enum class NetWait { Readable, TimedOut, Error };
 NetWait WaitReadable(SocketHandle socket, uint32_t timeoutMs);
+
+// The first IPv4 address a host name resolves to (numeric names included), in host byte order.
+bool ResolveHostIpv4(const char* name, uint32_t& address);
+
+// The system's text for a socket error code, for log lines.
+std::string NetErrorText(int code);
 
 // The calling thread's last socket error (WSAGetLastError on Windows, errno elsewhere).
 int LastNetError();

@@ -29,7 +29,8 @@ class NetEventWaiter {
   // Creates the event objects (the network event and the stop event). False when the system
   // refuses; LastNetError says why.
   bool Create();
-  // Watches `socket` for FD_READ and FD_CLOSE. False on failure.
+  // Watches `socket` for FD_READ and FD_CLOSE. False on failure. The socket becomes non-blocking
+  // (event selection does that on Windows; elsewhere it is done to match).
   bool Select(SocketHandle socket);
 
   enum class Wake {
@@ -49,7 +50,8 @@ class NetEventWaiter {
 };
 
 // A receive request handed to the port; owned by the caller and kept alive until its completion
-// has been taken by a worker (or the port closed).
+// has been taken by a worker or the socket has been closed. (Closing the port is not enough: on
+// Windows the receive stays pending on the socket and its end is written into the context.)
 struct UdpReceiveContext {
   static constexpr size_t kBufferSize = 70000;
   unsigned char buffer[kBufferSize];
@@ -62,12 +64,14 @@ struct UdpReceiveContext {
 class UdpCompletionPort {
  public:
   UdpCompletionPort();
-  ~UdpCompletionPort();  // closes the port; workers still waiting get Wait() == Closed
+  // Closes the port. Workers must have left Wait() by then: Close() first, join them, then destroy.
+  ~UdpCompletionPort();
   UdpCompletionPort(const UdpCompletionPort&) = delete;
   UdpCompletionPort& operator=(const UdpCompletionPort&) = delete;
 
   bool Create();
-  // Completions of receives on `socket` come back with `key` (never 0: 0 means quit).
+  // Completions of receives on `socket` come back with `key` (never 0: 0 means quit). One socket
+  // per port: receives are posted on the socket associated last.
   bool Associate(SocketHandle socket, uintptr_t key);
   // Starts a receive into `context`. False when it could not be started (errorCode set; a
   // pending receive is success, not an error).

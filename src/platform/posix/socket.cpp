@@ -1,6 +1,7 @@
 #include "platform/socket.h"
 
 #include <arpa/inet.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -9,6 +10,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstring>
 
 namespace lumo {
 namespace {
@@ -61,8 +63,15 @@ bool ConnectSocket(SocketHandle socket, const Ipv4Endpoint& to) {
 }
 
 bool BindSocket(SocketHandle socket, const Ipv4Endpoint& at) {
-  int on = 1;
-  ::setsockopt(Fd(socket), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  // Address reuse is for TCP listeners coming back while old connections linger. On a UDP socket
+  // it would let two sockets share a port (even two "free" ports handed out for port 0), and
+  // datagrams would go to the wrong one.
+  int type = 0;
+  socklen_t typeLen = sizeof(type);
+  if (::getsockopt(Fd(socket), SOL_SOCKET, SO_TYPE, &type, &typeLen) == 0 && type == SOCK_STREAM) {
+    int on = 1;
+    ::setsockopt(Fd(socket), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  }
   sockaddr_in a = ToSockaddr(at);
   return ::bind(Fd(socket), reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0;
 }
@@ -136,6 +145,18 @@ NetWait WaitReadable(SocketHandle socket, uint32_t timeoutMs) {
   if (rc < 0) return NetWait::Error;
   return rc == 0 ? NetWait::TimedOut : NetWait::Readable;
 }
+
+bool ResolveHostIpv4(const char* name, uint32_t& address) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  addrinfo* result = nullptr;
+  if (name == nullptr || getaddrinfo(name, nullptr, &hints, &result) != 0 || result == nullptr) return false;
+  address = ntohl(reinterpret_cast<const sockaddr_in*>(result->ai_addr)->sin_addr.s_addr);
+  freeaddrinfo(result);
+  return true;
+}
+
+std::string NetErrorText(int code) { return std::strerror(code); }
 
 int LastNetError() { return errno; }
 

@@ -2,6 +2,7 @@
 #include <ws2tcpip.h>
 
 #include <climits>
+#include <string>
 #include <mutex>
 
 #include "platform/socket.h"
@@ -59,8 +60,15 @@ bool ConnectSocket(SocketHandle socket, const Ipv4Endpoint& to) {
 }
 
 bool BindSocket(SocketHandle socket, const Ipv4Endpoint& at) {
-  BOOL on = TRUE;
-  ::setsockopt(S(socket), SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&on), sizeof(on));
+  // Address reuse only for TCP listeners: on a UDP socket it would let another socket take the
+  // same port and its datagrams.
+  int type = 0;
+  int typeLen = sizeof(type);
+  if (::getsockopt(S(socket), SOL_SOCKET, SO_TYPE, reinterpret_cast<char*>(&type), &typeLen) == 0 &&
+      type == SOCK_STREAM) {
+    BOOL on = TRUE;
+    ::setsockopt(S(socket), SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&on), sizeof(on));
+  }
   sockaddr_in a = ToSockaddr(at);
   return ::bind(S(socket), reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0;
 }
@@ -116,6 +124,26 @@ NetWait WaitReadable(SocketHandle socket, uint32_t timeoutMs) {
   int rc = ::WSAPoll(&p, 1, timeoutMs > INT_MAX ? INT_MAX : static_cast<INT>(timeoutMs));
   if (rc == SOCKET_ERROR) return NetWait::Error;
   return rc == 0 ? NetWait::TimedOut : NetWait::Readable;
+}
+
+bool ResolveHostIpv4(const char* name, uint32_t& address) {
+  if (!NetStartup() || name == nullptr) return false;
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  addrinfo* result = nullptr;
+  if (getaddrinfo(name, nullptr, &hints, &result) != 0 || result == nullptr) return false;
+  address = ntohl(reinterpret_cast<const sockaddr_in*>(result->ai_addr)->sin_addr.s_addr);
+  freeaddrinfo(result);
+  return true;
+}
+
+std::string NetErrorText(int code) {
+  char text[256] = "";
+  const DWORD n = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                                 static_cast<DWORD>(code), 0, text, sizeof text, nullptr);
+  std::string out(text, n);
+  while (!out.empty() && (out.back() == '\n' || out.back() == '\r' || out.back() == ' ')) out.pop_back();
+  return out.empty() ? "error " + std::to_string(code) : out;
 }
 
 int LastNetError() { return WSAGetLastError(); }
