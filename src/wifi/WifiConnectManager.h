@@ -1,0 +1,61 @@
+// The phone link over the local network: one KCP-over-UDP endpoint, the dispatcher's frames
+// queued into it, and every KCP message checked against its length prefix before the frame goes
+// to the dispatcher with the WiFi source.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "host/LumoExport.h"
+#include "host/PhoneCameraTypes.h"
+
+class KcpOnUdp;
+class PhoneDataParse;
+class CPhoneCameraCtrl;
+class H264DataReviever;
+class CVideoDecoder;
+
+class LUMO_API WifiConnectManager : public IWiFiDataHandler, public IDataSender {
+ public:
+  static WifiConnectManager* GetInstance();
+
+  // Collaborators default to the process-wide ones; tests pass their own.
+  WifiConnectManager(PhoneDataParse* parser = nullptr, CPhoneCameraCtrl* ctrl = nullptr,
+                     H264DataReviever* video = nullptr, CVideoDecoder* decoder = nullptr);
+  ~WifiConnectManager() override;
+  WifiConnectManager(const WifiConnectManager&) = delete;
+  WifiConnectManager& operator=(const WifiConnectManager&) = delete;
+
+  void Start();
+  void Stop(bool bSendMsg);
+  void OnExit();
+  void Reset(bool bSendMsg);
+  bool IsRunning();
+  void SetConnected(bool connected);
+  bool SendData(const std::string& frame) override;
+  void HandleReceive(const char* data, int len) override;
+  void HandleTimeout() override;
+  void NotifyLiveState(unsigned int state, const std::string& roomid, const std::string& lumoId,
+                       const std::string& channelId);
+
+  // The endpoint, for tests (null before the first Start).
+  KcpOnUdp* Endpoint() { return m_endpoint.get(); }
+
+ private:
+  bool SendMsgToPhone(const char* data, int len);
+  unsigned long GetIPAddr();
+  void StopLink(bool stopCapture);
+
+  std::shared_ptr<KcpOnUdp> m_endpoint;
+  bool m_bConnected = false;
+
+  PhoneDataParse* m_parser;
+  CPhoneCameraCtrl* m_ctrl;
+  H264DataReviever* m_video;
+  CVideoDecoder* m_decoder;
+  // Per-second receive counters (kept, not reported) and the message index of the log line.
+  uint64_t m_secondStart = 0;
+  uint64_t m_secondMessages = 0, m_secondBytes = 0;
+  uint64_t m_messageIndex = 0;
+};
