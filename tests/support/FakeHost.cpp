@@ -1,5 +1,7 @@
 #include "support/FakeHost.h"
 
+#include <chrono>
+
 #include <json/json.h>
 
 #include <algorithm>
@@ -148,8 +150,20 @@ void FakeHost::FireTimer(int id) {
 
 void FakeHost::WriteLog(int level, const std::string& line) {
   if (m_echo) std::fprintf(stderr, "[log L%d] %s\n", level, line.c_str());
-  std::lock_guard<std::mutex> guard(m_mutex);
-  m_logs.push_back(LogLine{level, line});
+  {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_logs.push_back(LogLine{level, line});
+  }
+  m_logged.notify_all();
+}
+
+bool FakeHost::WaitForLog(const std::string& text, uint32_t limitMs) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  return m_logged.wait_for(lock, std::chrono::milliseconds(limitMs), [&] {
+    for (const LogLine& l : m_logs)
+      if (l.text.find(text) != std::string::npos) return true;
+    return false;
+  });
 }
 
 bool FakeHost::IsPrintTooFast(uint32_t intervalMs, const std::string& key) {

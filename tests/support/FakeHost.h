@@ -7,6 +7,7 @@
 #include <json/value.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <string>
@@ -45,6 +46,8 @@ class FakeHost : public HostServices {
   bool HasLog(const std::string& text) { return CountLog(text) > 0; }
   bool HasLog(int level, const std::string& text) { return CountLog(level, text) > 0; }
   size_t CountLogsStartingWith(const std::string& prefix);
+  // Blocks (real time, at most `limitMs`) until a line containing `text` has been logged.
+  bool WaitForLog(const std::string& text, uint32_t limitMs = 10000);
   void ClearLogs();
 
   std::vector<Message> Messages();
@@ -110,6 +113,7 @@ class FakeHost : public HostServices {
   static ConfigKey Key(const std::string& file, const std::string& section, const std::string& key);
 
   std::mutex m_mutex;
+  std::condition_variable m_logged;
   std::vector<LogLine> m_logs;
   std::vector<Message> m_messages;
   std::map<ConfigKey, std::string> m_config;

@@ -12,7 +12,7 @@ namespace lumo::phonesim {
 namespace {
 
 std::unique_ptr<PhoneTransport> MakeTransport(const PhoneSimOptions& options) {
-  return MakeTcpTransport(options);
+  return options.transport == "kcp" ? MakeKcpTransport(options) : MakeTcpTransport(options);
 }
 
 }  // namespace
@@ -20,7 +20,11 @@ std::unique_ptr<PhoneTransport> MakeTransport(const PhoneSimOptions& options) {
 PhoneSim::PhoneSim(const PhoneSimOptions& options, std::unique_ptr<PhoneTransport> transport)
     : m_options(options),
       m_transport(transport ? std::move(transport) : MakeTransport(options)),
-      m_session(options, [this](const std::string& frame) { return m_transport->Send(frame); }) {
+      m_session(options, [this](const std::string& frame) {
+        if (!m_transport->Send(frame)) return false;
+        if (m_tap) m_tap(frame);
+        return true;
+      }) {
   m_session.SetOnChange([this] { Wake(); });
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -40,6 +41,9 @@ class PhoneSim {
   uint16_t Port() const;
   PhoneSimStatus Status();
   PhoneSession& Session() { return m_session; }
+  // Sees every frame the transport accepted, in order (tests compare it with what arrived).
+  // Set before Start.
+  void SetSendTap(std::function<void(const std::string& frame)> tap) { m_tap = std::move(tap); }
 
  private:
   void ServeLinks();
@@ -50,6 +54,7 @@ class PhoneSim {
 
   const PhoneSimOptions m_options;
   std::unique_ptr<PhoneTransport> m_transport;
+  std::function<void(const std::string&)> m_tap;
   PhoneSession m_session;
   std::thread m_linkThread;
   std::atomic<bool> m_stopped{false};

@@ -56,10 +56,12 @@ struct PhoneSimOptions {
   int64_t stallAtMs = -1;        // stop reading from the PC ...
   uint32_t stallMs = 0;          // ... for this long
 
-  // Transport.
+  // Transport: "tcp" (the Android app behind adb forwarding) or "kcp" (WiFi).
   std::string transport = "tcp";
   uint32_t bindAddress = 0x7F000001u;  // host byte order
-  uint16_t port = 8182;                // 0: any free port (tests)
+  uint16_t port = 8182;                // tcp: where the PC connects (0: any free port); kcp: our UDP port (0: any)
+  uint32_t pcAddress = 0x7F000001u;    // kcp: where the PC listens (host byte order)
+  uint16_t pcPort = 10099;
 };
 
 }  // namespace lumo::phonesim

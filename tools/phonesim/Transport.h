@@ -37,5 +37,7 @@ class PhoneTransport {
 constexpr uint32_t kMaxFrameFromPc = 1u << 20;
 
 std::unique_ptr<PhoneTransport> MakeTcpTransport(const PhoneSimOptions& options);
+// WiFi: one KCP conversation over UDP to the PC's port; the phone speaks first.
+std::unique_ptr<PhoneTransport> MakeKcpTransport(const PhoneSimOptions& options);
 
 }  // namespace lumo::phonesim

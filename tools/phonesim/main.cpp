@@ -8,6 +8,10 @@
 #include <string>
 #include <thread>
 
+extern "C" {
+#include <libavutil/log.h>
+}
+
 #include "PhoneSim.h"
 
 using namespace lumo::phonesim;
@@ -24,9 +28,11 @@ moving test pattern (or a video file) as H.264/H.265 and a sine tone as AAC. Eac
 carries its capture time in a row of blocks along its top edge.
 
 Link
-  --transport tcp          the Android app's TCP side (default)
-  --bind A.B.C.D           address to listen on (default 127.0.0.1)
-  --port N                 port to listen on (default 8182; 0 picks a free one)
+  --transport tcp|kcp      tcp: the Android app's TCP side (default); kcp: WiFi, KCP over UDP
+  --bind A.B.C.D           tcp: address to listen on (default 127.0.0.1)
+  --port N                 tcp: port to listen on (default 8182; 0 picks a free one);
+                           kcp: our own UDP port (default 8182; 0 picks a free one)
+  --pc A.B.C.D[:PORT]      kcp: where the PC listens (default 127.0.0.1:10099); the phone speaks first
 Identity
   --phone-name TEXT        2004 "phoneName" (default LumoSim,1)
   --sys-ver TEXT           2004 "sysVer" (default 13)
@@ -95,7 +101,18 @@ bool ParseFlags(int argc, char** argv, PhoneSimOptions& o, double& duration, boo
     }
     const char* v = argv[++i];
     bool ok = true;
-    if (flag == "--transport") ok = (o.transport = v) == "tcp";
+    if (flag == "--transport") ok = (o.transport = v) == "tcp" || o.transport == "kcp";
+    else if (flag == "--pc") {
+      std::string text = v;
+      const size_t colon = text.find(':');
+      if (colon != std::string::npos) {
+        const int port = std::atoi(text.c_str() + colon + 1);
+        ok = port > 0 && port < 65536;
+        o.pcPort = static_cast<uint16_t>(port);
+        text.resize(colon);
+      }
+      ok = ok && ParseIpv4(text.c_str(), o.pcAddress);
+    }
     else if (flag == "--bind") ok = ParseIpv4(v, o.bindAddress);
     else if (flag == "--port") o.port = static_cast<uint16_t>(std::atoi(v)), ok = std::atoi(v) >= 0 && std::atoi(v) < 65536;
     else if (flag == "--phone-name") o.phoneName = v;
@@ -161,6 +178,7 @@ void PrintStatus(const PhoneSimStatus& s, bool final) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  av_log_set_level(AV_LOG_ERROR);  // the encoders' own statistics are not for the console
   PhoneSimOptions options;
   double duration = 0;
   bool quiet = false;
@@ -174,7 +192,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "lumo-phonesim: %s\n", error.c_str());
     return 1;
   }
-  std::fprintf(stderr, "lumo-phonesim: waiting for the PC on %s\n", sim.Status().transport.c_str());
+  std::fprintf(stderr, "lumo-phonesim: %s %s\n", options.transport == "kcp" ? "talking to the PC over" : "waiting for the PC on",
+               sim.Status().transport.c_str());
   const auto start = std::chrono::steady_clock::now();
   while (!g_interrupted) {
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
