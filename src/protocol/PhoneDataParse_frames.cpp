@@ -237,11 +237,13 @@ bool PhoneDataParse::DispatchJsonCommand(ePhoneDataSource source, int cmdType, c
 }
 
 std::string PhoneDataParse::Json2Str(Json::Value value) {
-  // The phone expects exactly the compact text of the classic writer (with its newline). One
-  // writer per thread: the writer keeps its output in a member, so sharing one would race.
+  // The phone expects exactly the compact text of the classic writer (with its newline). A
+  // writer per call: it keeps its output in a member, so a shared one would race, and a
+  // thread_local one is destroyed after its thread's storage is gone with mingw-w64's emulated
+  // TLS (a heap corruption when a short-lived thread that sent a command ends).
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-  thread_local Json::FastWriter writer;
+  Json::FastWriter writer;
   return writer.write(value);
 #pragma GCC diagnostic pop
 }
