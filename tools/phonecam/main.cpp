@@ -77,6 +77,9 @@ int Demo(int argc, char** argv) {
   lumo::phonesim::PhoneSimOptions phone;
   phone.transport = "kcp";
   phone.port = 0;
+  // The phone's quality report reads and clears the host's frame counters, which the demo
+  // reports from: without it they count the whole run.
+  phone.qualityIntervalMs = 0;
   for (int i = 2; i < argc; ++i) {
     const std::string flag = argv[i];
     const char* v = i + 1 < argc ? argv[i + 1] : "";
