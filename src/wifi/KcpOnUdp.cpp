@@ -3,6 +3,7 @@
 #include <cstring>
 #include <thread>
 
+#include "host/HostServices.h"
 #include "host/Log.h"
 #include "host/PhoneCameraCtrl.h"
 #include "platform/clock.h"
@@ -121,7 +122,15 @@ void KcpOnUdp::Intake(const unsigned char* data, size_t n, const lumo::Ipv4Endpo
   }
   {
     std::lock_guard<std::recursive_mutex> guard(m_recvLock);
+    // A peer can send faster than the update thread drains: beyond the bound a datagram is
+    // dropped (KCP retransmits what mattered) rather than the queue growing without end.
+    if (m_recvQueueBytes + n > kMaxQueuedReceiveBytes) {
+      if (!lumo::Host().IsPrintTooFast(10000, "KcpOnUdp::Intake queue full"))
+        Log(3, "[wifi] receive queue full, datagram dropped:%d", static_cast<int>(n));
+      return;
+    }
     m_recvQueue.emplace_back(reinterpret_cast<const char*>(data), n);
+    m_recvQueueBytes += n;
     m_lastRecvTime = ClockMs();
   }
   {

@@ -27,6 +27,8 @@ class KcpOnUdp {
   static constexpr uint16_t kPort = 10099;
   static constexpr size_t kMessageBufferSize = 614400;
   static constexpr uintptr_t kCompletionKey = 10;
+  // Datagrams waiting for the update thread, in bytes (a few seconds of 8 Mbit/s video).
+  static constexpr size_t kMaxQueuedReceiveBytes = 32u << 20;
 
   // `ctrl` supplies the receive mode (its socket-mode setting); the process-wide one by default.
   explicit KcpOnUdp(CPhoneCameraCtrl* ctrl = nullptr);
@@ -75,6 +77,7 @@ class KcpOnUdp {
   bool m_bTimeoutArmed = false;
   std::recursive_mutex m_sendLock, m_recvLock, m_spareLock;
   std::deque<Buffer> m_sendQueue, m_recvQueue, m_spareQueue;
+  size_t m_recvQueueBytes = 0;  // under m_recvLock
   lumo::Thread m_updateThread;
 
   // Event-driven mode.

@@ -17,6 +17,7 @@ bool KcpOnUdp::StartUpdate() {
     m_sendQueue.clear();
     std::lock_guard<std::recursive_mutex> recvGuard(m_recvLock);
     m_recvQueue.clear();
+    m_recvQueueBytes = 0;
   }
   m_lastRecvTime = ClockMs();
   // A thread that ended by itself (stopped from its own time-out handler) is collected first.
@@ -91,6 +92,7 @@ void KcpOnUdp::UpdateStep() {
     {
       std::lock_guard<std::recursive_mutex> guard(m_recvLock);
       datagrams.swap(m_recvQueue);
+      m_recvQueueBytes = 0;
     }
     for (const Buffer& d : datagrams) lumo::ikcp_input(m_kcp, d.data(), static_cast<long>(d.size()));
   }

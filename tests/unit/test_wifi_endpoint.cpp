@@ -202,6 +202,24 @@ TEST_P(KcpOnUdpTest, DropsAMessageBeyondItsBufferAndDeliversTheNext) {
   endpoint->Stop();
 }
 
+TEST_P(KcpOnUdpTest, DatagramsWaitingForTheUpdateThreadAreBounded) {
+  // No update thread: nothing drains the queue, so a flood must meet the bound.
+  PhonePeer phone;
+  const std::string datagram(60000, 'f');
+  for (int i = 0; i < 3000 && !host.HasLog(3, "[wifi] receive queue full, datagram dropped:60000"); ++i) {
+    phone.SendRaw(datagram);
+    if (i % 4 == 3) lumo::RealClock().SleepUs(1000);  // paced, so the kernel's buffer is not what drops them
+  }
+  EXPECT_TRUE(host.WaitForLog("[wifi] receive queue full, datagram dropped:60000", 2000));
+  // Starting the update thread empties the queue, and the link works as usual.
+  ASSERT_TRUE(endpoint->StartUpdate());
+  phone.Send("after the flood");
+  ASSERT_TRUE(phone.Pump(0, 2000));
+  ASSERT_TRUE(AwaitMessages(handler, 1));
+  EXPECT_EQ(handler.messages.back(), "after the flood");
+  endpoint->Stop();
+}
+
 TEST_P(KcpOnUdpTest, StopThenStartRunsAFreshConversation) {
   for (int round = 0; round < 2; ++round) {
     SCOPED_TRACE(round);
