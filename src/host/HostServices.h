@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "host/LumoExport.h"
+#include "platform/export.h"
 
 namespace Json {
 class Value;

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "host/LumoExport.h"
+#include "platform/export.h"
 
 namespace Json {
 class Value;
@@ -34,6 +34,9 @@ enum PHONE_CAMERA_PARAM_TYPE : int {
 
 // Sends one complete outgoing frame (length prefix included) to the phone. Implemented by the
 // USB and WiFi managers; the library never owns a sender.
+// SendData may be called from several threads at once (a transport's receive thread answering
+// the phone, the protocol's delayed work, the host's own thread). Each implementation writes a
+// frame whole under its own lock, so two frames never interleave on the link.
 class IDataSender {
  public:
   virtual bool SendData(const std::string& frame) = 0;

@@ -10,7 +10,7 @@
 #include <deque>
 #include <mutex>
 
-#include "host/LumoExport.h"
+#include "platform/export.h"
 
 class CPhoneCameraCtrl;
 

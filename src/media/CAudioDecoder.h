@@ -19,7 +19,7 @@
 #include <memory>
 #include <mutex>
 
-#include "host/LumoExport.h"
+#include "platform/export.h"
 #include "platform/thread.h"
 
 class AudioDataReviever;

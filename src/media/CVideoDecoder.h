@@ -22,7 +22,7 @@
 #include <mutex>
 #include <string>
 
-#include "host/LumoExport.h"
+#include "platform/export.h"
 #include "media/VideoRawPkg.h"
 #include "platform/thread.h"
 

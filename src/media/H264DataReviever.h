@@ -15,7 +15,7 @@
 #include <deque>
 #include <mutex>
 
-#include "host/LumoExport.h"
+#include "platform/export.h"
 #include "host/PhoneCameraTypes.h"
 #include "media/VideoRawPkg.h"
 #include "platform/event.h"

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <functional>
 
-#include "host/LumoExport.h"
+#include "platform/export.h"
 
 // The same declaration as a STRICT windows.h, so that a Windows host can pass its HWND as it is.
 struct HWND__;

@@ -23,6 +23,9 @@ class Thread {
   // True when the thread ended within `timeoutMs`; false when it had to be given up.
   // Without a thread it returns true at once.
   bool Join(uint32_t timeoutMs);
+  // True when the thread has ended within `timeoutMs` (real time); unlike Join it never gives
+  // the thread up, and the thread stays joinable.
+  bool WaitFinished(uint32_t timeoutMs) const;
   static constexpr uint32_t kInfinite = 0xFFFFFFFFu;
   bool HasThread() const;
   bool IsFinished() const;

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "host/LumoExport.h"
+#include "platform/export.h"
 #include "host/PhoneCameraTypes.h"
 #include "platform/clock.h"
 

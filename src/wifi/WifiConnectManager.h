@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "host/LumoExport.h"
+#include "platform/export.h"
 #include "host/PhoneCameraTypes.h"
 
 class KcpOnUdp;

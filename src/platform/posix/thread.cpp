@@ -89,6 +89,16 @@ bool Thread::Join(uint32_t timeoutMs) {
   return finished;
 }
 
+bool Thread::WaitFinished(uint32_t timeoutMs) const {
+  if (!m_shared) return true;
+  std::unique_lock<std::mutex> lock(m_shared->mutex);
+  if (timeoutMs == kInfinite) {
+    m_shared->cv.wait(lock, [this] { return m_shared->finished; });
+    return true;
+  }
+  return m_shared->cv.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return m_shared->finished; });
+}
+
 bool Thread::HasThread() const { return m_native != nullptr; }
 
 bool Thread::IsFinished() const {

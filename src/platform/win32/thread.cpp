@@ -63,6 +63,11 @@ bool Thread::Join(uint32_t timeoutMs) {
   return finished;
 }
 
+bool Thread::WaitFinished(uint32_t timeoutMs) const {
+  if (!m_native) return true;
+  return WaitForSingleObject(m_native->handle, timeoutMs == kInfinite ? INFINITE : timeoutMs) == WAIT_OBJECT_0;
+}
+
 bool Thread::HasThread() const { return m_native != nullptr; }
 
 bool Thread::IsFinished() const {
