@@ -3,6 +3,7 @@
 JOBS        ?= $(shell nproc)
 BUILD       ?= build
 ASAN_BUILD  ?= build-asan
+TSAN_BUILD  ?= build-tsan
 FUZZ_BUILD  ?= build-fuzz
 FUZZ_SECONDS ?= 300
 WIN_BUILD   ?= build-win
@@ -12,13 +13,14 @@ CMAKE_GEN   := -G Ninja
 
 export ASAN_OPTIONS  ?= halt_on_error=1:detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS ?= halt_on_error=1:print_stacktrace=1
+export TSAN_OPTIONS  ?= halt_on_error=1:second_deadlock_stack=1
 export LUMO_LOG_STDERR ?= 0
 export WINEDEBUG ?= -all
 export WINEPREFIX ?= $(HOME)/.cache/lumo-wine
 # No sound card is needed: without a driver waveOutOpen fails quietly instead of hanging.
 export WINEDLLOVERRIDES ?= winealsa.drv=d
 
-.PHONY: all deps build asan windows windeps test check check-windows demo fuzz fuzz-run bench clean
+.PHONY: all deps build asan tsan windows windeps test check check-windows demo fuzz fuzz-run bench clean
 
 all: build
 
@@ -32,6 +34,12 @@ build: deps
 asan: deps
 	cmake -S . -B $(ASAN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DLUMO_SANITIZE=ON -DLUMO_BENCH=OFF
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
+
+# ThreadSanitizer build and its suite; not part of `make test` (it doubles the suite's time).
+tsan: deps
+	cmake -S . -B $(TSAN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMO_TSAN=ON -DLUMO_BENCH=OFF
+	cmake --build $(TSAN_BUILD) -j $(JOBS)
+	cd $(TSAN_BUILD) && ctest --output-on-failure -j $(JOBS)
 
 windeps: deps
 	scripts/build-windows-deps $(WINDEPS)
@@ -58,15 +66,13 @@ test: build asan windows
 	cd $(WIN_BUILD) && ctest --output-on-failure --timeout 300
 	wineserver -k 2>/dev/null || true
 
-# libFuzzer targets, built with clang; `make fuzz-run FUZZ_SECONDS=300` runs each one.
+# libFuzzer targets, built with clang; `make fuzz-run FUZZ_SECONDS=300` runs every one for that long.
 fuzz: deps
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMO_FUZZ=ON
 	cmake --build $(FUZZ_BUILD) -j $(JOBS)
 
 fuzz-run: fuzz
-	mkdir -p $(FUZZ_BUILD)/corpus/parse_phone_data
-	$(FUZZ_BUILD)/fuzz/fuzz_parse_phone_data -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
-	  -max_len=70000 $(FUZZ_BUILD)/corpus/parse_phone_data fuzz/seeds/parse_phone_data
+	scripts/fuzz-run $(FUZZ_BUILD) $(FUZZ_SECONDS)
 
 bench: build
 	$(BUILD)/bench/bench_dispatch
@@ -83,4 +89,4 @@ demo: build
 	LUMO_APPDATA=$(CURDIR)/$(BUILD)/demo-appdata $(BUILD)/tools/phonecam/lumo-phonecam demo --seconds 10 $(DEMO_FLAGS)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(WIN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(FUZZ_BUILD) $(WIN_BUILD)
