@@ -38,7 +38,9 @@ SocketHandle AcceptSocket(SocketHandle listener, Ipv4Endpoint* peer);
 bool LocalEndpoint(SocketHandle socket, Ipv4Endpoint& endpoint);
 
 // Bytes sent or received; -1 on error; a receive returns 0 when the peer closed. With
-// `waitAll`, a receive returns only when `size` bytes came (or on close or error).
+// `waitAll`, a receive loops until `size` bytes came; it returns fewer only when the peer closed
+// (the bytes that came before the close), and -1 on an error or a receive time-out, whatever
+// came before it. So anything but `size` means the link is done.
 int SendSocket(SocketHandle socket, const void* data, size_t size);
 int RecvSocket(SocketHandle socket, void* buffer, size_t size, bool waitAll);
 int SendToSocket(SocketHandle socket, const void* data, size_t size, const Ipv4Endpoint& to);

@@ -9,6 +9,7 @@
 #include "platform/host_window.h"
 #include "platform/text.h"
 #include "platform/thread.h"
+#include "support/ScopedThread.h"
 #include "support/SimClock.h"
 
 namespace {
@@ -67,10 +68,12 @@ TEST(ThreadTest, JoinWaitsForTheEndAndGivesUpOnAStuckThread) {
 TEST(SimClockTest, SleepersWakeOnlyWhenSimulatedTimeReachesTheirDeadline) {
   lumo::test::ScopedSimClock sim;
   std::atomic<int> woke{0};
-  std::thread sleeper([&] {
-    lumo::SleepMs(3000);
-    woke = 1;
-  });
+  lumo::test::ScopedThread sleeper(
+      [&] {
+        lumo::SleepMs(3000);
+        woke = 1;
+      },
+      [&] { sim.clock.AdvanceMs(3000); });
   ASSERT_TRUE(sim.clock.WaitForSleepers(1));
   sim.clock.AdvanceMs(2999);
   EXPECT_EQ(sim.clock.Sleepers(), 1u);
@@ -95,7 +98,7 @@ TEST(EventTest, TimedWaitRunsOnTheLibraryClockAndSignalsAreConsumed) {
   EXPECT_FALSE(event.IsSet());
 
   std::atomic<int> result{-1};
-  std::thread waiter([&] { result = event.Wait(10) ? 1 : 0; });
+  lumo::test::ScopedThread waiter([&] { result = event.Wait(10) ? 1 : 0; }, [&] { sim.clock.AdvanceMs(10); });
   ASSERT_TRUE(sim.clock.WaitForSleepers(1));
   sim.clock.AdvanceMs(9);
   EXPECT_EQ(result, -1);
@@ -103,7 +106,7 @@ TEST(EventTest, TimedWaitRunsOnTheLibraryClockAndSignalsAreConsumed) {
   waiter.join();
   EXPECT_EQ(result, 0);
 
-  std::thread signalled([&] { result = event.Wait(1000000) ? 1 : 0; });
+  lumo::test::ScopedThread signalled([&] { result = event.Wait(1000000) ? 1 : 0; }, [&] { event.Set(); });
   ASSERT_TRUE(sim.clock.WaitForSleepers(1));
   event.Set();
   signalled.join();

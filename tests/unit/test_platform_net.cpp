@@ -6,12 +6,14 @@
 #include <thread>
 
 #include "platform/socket.h"
+#include "support/ScopedThread.h"
 
 namespace {
 
 using lumo::Ipv4Endpoint;
 using lumo::kInvalidSocket;
 using lumo::SocketHandle;
+using lumo::test::ScopedThread;
 
 // A TCP listener on 127.0.0.1 with a port the system chose.
 struct Listener {
@@ -31,7 +33,7 @@ struct Listener {
 TEST(Sockets, TcpCarriesLengthPrefixedFramesAndReportsTheClose) {
   Listener listener;
   ASSERT_NE(listener.endpoint.port, 0);
-  std::thread client([port = listener.endpoint.port] {
+  ScopedThread client([port = listener.endpoint.port] {
     SocketHandle s = lumo::OpenTcpSocket();
     ASSERT_TRUE(lumo::ConnectSocket(s, Ipv4Endpoint{lumo::kIpv4Loopback, port}));
     const char frame[] = "\x00\x00\x00\x05hello";
@@ -46,14 +48,36 @@ TEST(Sockets, TcpCarriesLengthPrefixedFramesAndReportsTheClose) {
   ASSERT_NE(server, kInvalidSocket);
   EXPECT_EQ(peer.address, lumo::kIpv4Loopback);
   unsigned char length[4];
-  ASSERT_EQ(lumo::RecvSocket(server, length, 4, true), 4);
+  EXPECT_EQ(lumo::RecvSocket(server, length, 4, true), 4);
   EXPECT_EQ(length[3], 5);
   char body[5];
-  ASSERT_EQ(lumo::RecvSocket(server, body, 5, true), 5);
+  EXPECT_EQ(lumo::RecvSocket(server, body, 5, true), 5);
   EXPECT_EQ(std::memcmp(body, "hello", 5), 0);
   client.join();
   EXPECT_EQ(lumo::RecvSocket(server, body, 5, true), 0);  // the peer closed
   lumo::CloseSocket(server);
+}
+
+// A wait-all receive that ends early must not look like a whole message: a receive time-out
+// after part of it is an error, and a close after part of it returns only what came.
+TEST(Sockets, WaitAllNeverPassesOffAShortReadAsWhole) {
+  Listener listener;
+  // Two bytes of five arrive, then the link times out (one connection) or closes (another):
+  // never 5, and never a count that could pass for a whole message.
+  for (bool closes : {false, true}) {
+    SCOPED_TRACE(closes ? "peer closes" : "receive times out");
+    SocketHandle client = lumo::OpenTcpSocket();
+    ASSERT_TRUE(lumo::ConnectSocket(client, listener.endpoint));
+    SocketHandle server = lumo::AcceptSocket(listener.socket, nullptr);
+    ASSERT_NE(server, kInvalidSocket);
+    ASSERT_EQ(lumo::SendSocket(client, "ab", 2), 2);
+    if (closes) lumo::CloseSocket(client);
+    ASSERT_TRUE(lumo::SetReceiveTimeout(server, closes ? 5000 : 50));
+    char buf[8];
+    EXPECT_EQ(lumo::RecvSocket(server, buf, 5, true), closes ? 2 : -1);
+    lumo::CloseSocket(client);
+    lumo::CloseSocket(server);
+  }
 }
 
 TEST(Sockets, ConnectingToAClosedPortIsRefused) {
@@ -74,7 +98,7 @@ TEST(Sockets, ShutdownWakesABlockedReceive) {
   ASSERT_TRUE(lumo::ConnectSocket(client, listener.endpoint));
   SocketHandle server = lumo::AcceptSocket(listener.socket, nullptr);
   std::atomic<int> got{-2};
-  std::thread reader([&] {
+  ScopedThread reader([&] {
     char buf[16];
     got = lumo::RecvSocket(client, buf, sizeof(buf), true);
   });

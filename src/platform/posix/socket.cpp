@@ -107,11 +107,21 @@ int SendSocket(SocketHandle socket, const void* data, size_t size) {
 }
 
 int RecvSocket(SocketHandle socket, void* buffer, size_t size, bool waitAll) {
-  ssize_t n;
-  do {
-    n = ::recv(Fd(socket), buffer, Clamp(size), waitAll ? MSG_WAITALL : 0);
-  } while (n < 0 && errno == EINTR);
-  return static_cast<int>(n);
+  // MSG_WAITALL may still return early (a signal, a time-out, a stack that gives up on it), so
+  // the wait-all receive loops until every byte came: a short read is never a whole message.
+  char* bytes = static_cast<char*>(buffer);
+  const size_t want = Clamp(size);
+  size_t got = 0;
+  for (;;) {
+    ssize_t n = ::recv(Fd(socket), bytes + got, want - got, waitAll ? MSG_WAITALL : 0);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return -1;
+    }
+    got += static_cast<size_t>(n);
+    if (n == 0 || !waitAll || got >= want) break;
+  }
+  return static_cast<int>(got);
 }
 
 int SendToSocket(SocketHandle socket, const void* data, size_t size, const Ipv4Endpoint& to) {

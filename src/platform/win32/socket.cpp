@@ -97,7 +97,18 @@ int SendSocket(SocketHandle socket, const void* data, size_t size) {
 }
 
 int RecvSocket(SocketHandle socket, void* buffer, size_t size, bool waitAll) {
-  return ::recv(S(socket), static_cast<char*>(buffer), Clamp(size), waitAll ? MSG_WAITALL : 0);
+  // MSG_WAITALL can return early (seen under wine on a loaded machine), so the wait-all receive
+  // loops until every byte came: a short read is never a whole message.
+  char* bytes = static_cast<char*>(buffer);
+  const int want = Clamp(size);
+  int got = 0;
+  for (;;) {
+    int n = ::recv(S(socket), bytes + got, want - got, waitAll ? MSG_WAITALL : 0);
+    if (n == SOCKET_ERROR) return -1;
+    got += n;
+    if (n == 0 || !waitAll || got >= want) break;
+  }
+  return got;
 }
 
 int SendToSocket(SocketHandle socket, const void* data, size_t size, const Ipv4Endpoint& to) {
