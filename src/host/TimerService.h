@@ -3,19 +3,18 @@
 // no lock held, so a callback may set or kill timers (its own included).
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <mutex>
 
 #include "host/HostServices.h"
-#include "platform/thread.h"
+#include "host/WorkerThread.h"
 
 namespace lumo {
 
 class ThreadTimer final : public TMR::ITimer {
  public:
-  explicit ThreadTimer(TMR::ITimerCB* callback) : m_callback(callback) {}
+  explicit ThreadTimer(TMR::ITimerCB* callback) : m_callback(callback), m_thread("timer") {}
   ~ThreadTimer() override;
   bool SetTimer(int id, uint32_t periodMs) override;
   void KillTimer(int id) override;
@@ -29,11 +28,8 @@ class ThreadTimer final : public TMR::ITimer {
 
   TMR::ITimerCB* m_callback;
   std::mutex m_mutex;
-  std::condition_variable m_cv;
   std::map<int, Entry> m_entries;
-  uint64_t m_generation = 0;  // bumped on every change so the thread re-plans its wait
-  bool m_stop = false;
-  Thread m_thread;
+  WorkerThread m_thread;  // woken on every change so it re-plans its wait
 };
 
 }  // namespace lumo
