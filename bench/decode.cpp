@@ -6,7 +6,10 @@
 //              pre-padded packets. Frames per second from the first picture to the last;
 //              prints the medians and the median of the per-run ratios (ours / bare).
 //  latency     1080p30: packets pushed at 30 fps pacing; time from the push to the moment
-//              GetYuvData hands the picture out, p50/p99, beside the time of the decode alone.
+//              GetYuvData hands the picture out, p50/p99, beside the time of the decode alone,
+//              and where it goes: push -> Decode called (queue and wake-up), the Decode call,
+//              Decode returned -> picture pulled. The first picture (which waits for the
+//              decode thread's 10 ms key-frame poll) is shown on its own.
 //  settings    pictures held back by the decoder for the thread settings one could choose.
 #include <algorithm>
 #include <chrono>
@@ -106,7 +109,28 @@ double BareFps(TestCodec codec, const std::vector<EncodedPacket>& packets,
 struct OurRun {
   double fps = 0;
   int pulled = 0;
-  std::vector<double> latencyMs;
+  std::vector<double> latencyMs;  // by picture, the first one included
+  double firstMs = -1;            // latency of the first picture
+  // Per picture after the first: push -> Decode entered, inside Decode, Decode left -> pulled.
+  std::vector<double> wakeMs, decodeMs, pullMs;
+};
+
+// Notes when each packet's Decode starts and ends (by the packet's timestamp, which the bench
+// sets to the packet's index). Read only after StopDecode has joined the thread.
+class TimedDecoder : public CVideoDecoder {
+ public:
+  TimedDecoder(CPhoneCameraCtrl* ctrl, H264DataReviever* rx, size_t n) : CVideoDecoder(ctrl, rx), begin(n), end(n) {}
+  ~TimedDecoder() override { StopDecode(); }
+  bool Decode(void* context, VID::VideoRawPkg* packet) override {
+    const auto t0 = Clock::now();
+    const bool stored = CVideoDecoder::Decode(context, packet);
+    if (packet->timestamp < begin.size()) {
+      begin[packet->timestamp] = t0;
+      end[packet->timestamp] = Clock::now();
+    }
+    return stored;
+  }
+  std::vector<Clock::time_point> begin, end;
 };
 
 // Our path. With `pacing` the packets are pushed at that interval and each picture's latency
@@ -116,10 +140,11 @@ OurRun OurPath(TestCodec codec, const std::vector<EncodedPacket>& packets, Clock
   ctrl.SetCodec(codec == TestCodec::H265 ? 2 : 1);
   ctrl.SetHighIOSVersion();  // no half-second pause before the first picture
   H264DataReviever rx(&ctrl);
-  CVideoDecoder dec(&ctrl, &rx);
-  dec.StartDecode();
   const size_t n = packets.size();
-  std::vector<Clock::time_point> pushed(n);
+  TimedDecoder dec(&ctrl, &rx, n);
+  dec.StartDecode();
+  std::vector<Clock::time_point> pushed(n), pulledAt(n);
+  std::vector<bool> seen(n, false);
   OurRun run;
   Clock::time_point first, last;
   size_t next = 0;
@@ -136,7 +161,11 @@ OurRun OurPath(TestCodec codec, const std::vector<EncodedPacket>& packets, Clock
     if (dec.GetYuvData(w, h, ts) != nullptr) {
       last = Clock::now();
       if (run.pulled++ == 0) first = last;
-      if (ts < n) run.latencyMs.push_back(Ms(last - pushed[ts]));
+      if (ts < n) {
+        run.latencyMs.push_back(Ms(last - pushed[ts]));
+        pulledAt[ts] = last;
+        seen[ts] = true;
+      }
     } else if (next == n && dec.GetCurVideoFrameTs() == static_cast<long long>(n - 1)) {
       break;  // a picture was recycled before we pulled it: the last one is out
     } else if (paced) {
@@ -150,6 +179,13 @@ OurRun OurPath(TestCodec codec, const std::vector<EncodedPacket>& packets, Clock
   }
   dec.StopDecode();
   run.fps = (run.pulled - 1) / std::chrono::duration<double>(last - first).count();
+  if (seen[0]) run.firstMs = Ms(pulledAt[0] - pushed[0]);
+  for (size_t i = 1; i < n; ++i) {
+    if (!seen[i]) continue;
+    run.wakeMs.push_back(Ms(dec.begin[i] - pushed[i]));
+    run.decodeMs.push_back(Ms(dec.end[i] - dec.begin[i]));
+    run.pullMs.push_back(Ms(pulledAt[i] - dec.end[i]));
+  }
   return run;
 }
 
@@ -186,6 +222,8 @@ int PacketsBeforeFirstPicture(TestCodec codec, const std::vector<EncodedPacket>&
 
 int main(int argc, char** argv) {
   const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
+  // --latency: the latency figures alone (the throughput runs take minutes).
+  const bool latencyOnly = argc > 1 && std::strcmp(argv[1], "--latency") == 0;
   const int reps = quick ? 3 : 5;
   BenchHost host;
   lumo::SetHostServices(&host);
@@ -211,7 +249,7 @@ int main(int argc, char** argv) {
     auto padded = Padded(packets);
 
     std::vector<double> bareFps, ourFps, ratios;
-    for (int r = 0; r < reps; ++r) {
+    for (int r = 0; r < (latencyOnly ? 0 : reps); ++r) {
       const double b = BareFps(codec, packets, padded);
       const OurRun o = OurPath(codec, packets);
       bareFps.push_back(b);
@@ -219,14 +257,17 @@ int main(int argc, char** argv) {
       ratios.push_back(o.fps / b);
       if (o.pulled != frames) std::fprintf(stderr, "  run %d: pulled %d of %d\n", r, o.pulled, frames);
     }
-    std::printf("%s 1080p (%.1f Mbit/s at 30 fps), throughput over %d runs: bare %.1f fps, ours %.1f fps\n", name,
+    if (!latencyOnly) {
+      std::printf("%s 1080p (%.1f Mbit/s at 30 fps), throughput over %d runs: bare %.1f fps, ours %.1f fps\n", name,
                 bytes * 8.0 * 30 / frames / 1e6, reps, Median(bareFps), Median(ourFps));
-    std::printf("decode_%s_ratio %.3f\n", codec == TestCodec::H264 ? "h264" : "h265", Median(ratios));
+      std::printf("decode_%s_ratio %.3f\n", codec == TestCodec::H264 ? "h264" : "h265", Median(ratios));
+    }
 
     // Latency at 30 fps pacing, beside the decode time of the same packets.
     const int latencyFrames = quick ? 60 : 150;
     std::vector<EncodedPacket> clip(packets.begin(), packets.begin() + std::min(latencyFrames, frames));
-    std::vector<double> p50s, p99s, decodeP50s;
+    std::vector<double> p50s, p99s, decodeP50s, decodeP99s, firsts, steadyP99s;
+    std::vector<double> wake50, wake99, dec50, dec99, pull50, pull99;
     for (int r = 0; r < (quick ? 1 : 3); ++r) {
       const auto pacing = std::chrono::microseconds(33333);
       const std::vector<double> decodeMs = BarePacedDecodeMs(codec, clip, padded, pacing);
@@ -234,11 +275,27 @@ int main(int argc, char** argv) {
       p50s.push_back(Percentile(o.latencyMs, 0.5));
       p99s.push_back(Percentile(o.latencyMs, 0.99));
       decodeP50s.push_back(Percentile(decodeMs, 0.5));
+      decodeP99s.push_back(Percentile(decodeMs, 0.99));
+      firsts.push_back(o.firstMs);
+      std::vector<double> steady(o.latencyMs.begin() + 1, o.latencyMs.end());
+      steadyP99s.push_back(Percentile(steady, 0.99));
+      wake50.push_back(Percentile(o.wakeMs, 0.5));
+      wake99.push_back(Percentile(o.wakeMs, 0.99));
+      dec50.push_back(Percentile(o.decodeMs, 0.5));
+      dec99.push_back(Percentile(o.decodeMs, 0.99));
+      pull50.push_back(Percentile(o.pullMs, 0.5));
+      pull99.push_back(Percentile(o.pullMs, 0.99));
     }
-    std::printf("%s 1080p30 latency push->GetYuvData: p50 %.2f ms, p99 %.2f ms; decode alone p50 %.2f ms; "
-                "overhead p50 %.2f ms\n",
-                name, Median(p50s), Median(p99s), Median(decodeP50s), Median(p50s) - Median(decodeP50s));
+    std::printf("%s 1080p30 latency push->GetYuvData: p50 %.2f ms, p99 %.2f ms; decode alone p50 %.2f ms, "
+                "p99 %.2f ms; overhead p50 %.2f ms\n",
+                name, Median(p50s), Median(p99s), Median(decodeP50s), Median(decodeP99s),
+                Median(p50s) - Median(decodeP50s));
+    std::printf("%s   first picture %.2f ms; p99 without it %.2f ms; push->Decode p50 %.2f p99 %.2f, "
+                "Decode p50 %.2f p99 %.2f, Decode->pulled p50 %.2f p99 %.2f ms\n",
+                name, Median(firsts), Median(steadyP99s), Median(wake50), Median(wake99), Median(dec50),
+                Median(dec99), Median(pull50), Median(pull99));
 
+    if (latencyOnly) continue;
     std::printf("%s packets before the first picture: 1 thread + LOW_DELAY %d, 1 thread %d, "
                 "2 slice threads %d, 2 frame threads %d, 4 frame threads %d\n",
                 name, PacketsBeforeFirstPicture(codec, packets, padded, 1, FF_THREAD_SLICE, true),

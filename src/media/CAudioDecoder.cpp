@@ -3,7 +3,6 @@
 #include <neaacdec.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 
 #include "host/HostServices.h"
@@ -63,58 +62,23 @@ void CAudioDecoder::GetParam(int& sampleRate, int& channels, int& aacType) {
 }
 
 void CAudioDecoder::StartDecode() {
-  {
-    std::lock_guard<std::mutex> guard(m_stateMutex);
-    // A second thread would share the buffers and the decoder handle with the first.
-    if (m_thread.HasThread() && !m_threadDone) return;
-  }
-  m_thread.Join(lumo::Thread::kInfinite);  // one that ended on its own (a dump it could not open)
-  {
-    std::lock_guard<std::mutex> guard(m_stateMutex);
-    m_stopRequested = false;
-    m_threadDone = false;
-  }
+  // A thread that ended by itself (a dump it could not open) is collected by Start.
+  if (m_worker.IsRunning()) return;
   m_running = true;
-  bool started = m_thread.Start([this] {
-    AudioDecodeProc(this);
-    std::lock_guard<std::mutex> guard(m_stateMutex);
-    m_threadDone = true;
-    m_stateCv.notify_all();
-  });
-  if (started) {
-    Log(LOG_INFO, "[AudioDecoder] StartDecode create thread success with id:%u", m_thread.Id());
+  if (m_worker.Start([this] { AudioDecodeProc(this); })) {
+    Log(LOG_INFO, "[AudioDecoder] StartDecode create thread success with id:%u", m_worker.Id());
     return;
   }
   m_running = false;
-  {
-    std::lock_guard<std::mutex> guard(m_stateMutex);
-    m_threadDone = true;
-  }
   Log(LOG_INFO, "[AudioDecoder]StartDecode create thread fail with last error:%u",
       static_cast<unsigned>(lumo::LastSystemError()));
 }
 
 void CAudioDecoder::StopDecode() {
   m_running = false;
-  {
-    std::lock_guard<std::mutex> guard(m_stateMutex);
-    m_stopRequested = true;
-  }
-  m_stateCv.notify_all();
-  if (m_thread.HasThread()) {
-    bool ended;
-    {
-      // Real time, like any join: this guards against a stuck thread, not against the phone.
-      std::unique_lock<std::mutex> lock(m_stateMutex);
-      ended = m_stateCv.wait_for(lock, std::chrono::milliseconds(1000), [this] { return m_threadDone; });
-    }
-    if (!ended) {
-      // The thread is not ended from outside: it would leave libfaad2's state and our buffers
-      // half-written, and on POSIX it cannot be. It is waited for instead.
-      Log(LOG_ERROR, "[AudioDecoder] terminate thread fail:%d", lumo::LastSystemError());
-    }
-    m_thread.Join(lumo::Thread::kInfinite);
-  }
+  // A thread slower than the bound is waited for (the worker logs it), never terminated: a
+  // killed thread would leave libfaad2's state and our buffers half-written.
+  m_worker.Stop(kStopJoinMs);
   ReleaseDecoder();
 }
 
@@ -138,7 +102,7 @@ int CAudioDecoder::DecodeLoop() {
     unsigned long long timestamp = 0, index = 0;
     m_receiver->PopAACRawData(m_inputBuffer.get(), length, timestamp, index);
     if (length == 0) {
-      IdleWait(10);
+      IdleSleep(kIdleSleepMs);
       continue;
     }
     DecodeOne(length);
@@ -175,9 +139,12 @@ void CAudioDecoder::DecodeOne(unsigned int length) {
   if (m_savePcm == 1 && m_pcmDump) m_pcmDump->Write(m_pcmBuffer.get(), pcmLength);
 }
 
-void CAudioDecoder::IdleWait(uint32_t ms) {
-  std::unique_lock<std::mutex> lock(m_stateMutex);
-  lumo::GetClock().WaitFor(lock, m_stateCv, static_cast<uint64_t>(ms) * 1000, [this] { return m_stopRequested; });
+void CAudioDecoder::IdleSleep(uint32_t ms) {
+  // Nothing wakes this thread but a stop; the loop only guards against a stray wake.
+  const uint64_t deadline = lumo::PerfCounterUs() + static_cast<uint64_t>(ms) * 1000;
+  for (uint64_t now = lumo::PerfCounterUs(); now < deadline; now = lumo::PerfCounterUs()) {
+    if (!m_worker.WaitUs(deadline - now)) return;
+  }
 }
 
 bool CAudioDecoder::OpenDumps() {

@@ -13,14 +13,13 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <mutex>
 
 #include "platform/export.h"
-#include "platform/thread.h"
+#include "host/WorkerThread.h"
 
 class AudioDataReviever;
 class CPhoneCameraCtrl;
@@ -47,9 +46,11 @@ class LUMO_API CAudioDecoder {
   void SetParam(int sampleRate, int channels, int aacType);
   void GetParam(int& sampleRate, int& channels, int& aacType);
 
+  // Does nothing while a decode thread runs: a second one would share the buffers and the
+  // decoder handle with the first.
   void StartDecode();
-  // Stops and joins the decode thread, then releases the libfaad2 decoder, so that the next
-  // start opens it again with the parameters in force.
+  // Stops and joins the decode thread (however long it takes), then releases the libfaad2
+  // decoder, so that the next start opens it again with the parameters in force.
   void StopDecode();
   bool IsRunning() const { return m_running; }
 
@@ -58,6 +59,8 @@ class LUMO_API CAudioDecoder {
   PcmPlayer* Player() const { return m_player; }
 
   static constexpr size_t kBufferBytes = 8192;
+  static constexpr uint32_t kIdleSleepMs = 10;   // an idle thread looks for frames this often
+  static constexpr uint32_t kStopJoinMs = 1000;  // a stop slower than this is logged
 
  private:
   static int AudioDecodeProc(CAudioDecoder* obj);
@@ -65,7 +68,8 @@ class LUMO_API CAudioDecoder {
   void DecodeOne(unsigned int length);
   bool OpenDumps();
   void CloseDumps();
-  void IdleWait(uint32_t ms);
+  // Sleeps `ms` on the library clock; only a stop ends it early.
+  void IdleSleep(uint32_t ms);
 
   void* aac_decoder_open(unsigned char* buffer, unsigned long size);
   // `output` holds kBufferBytes.
@@ -92,12 +96,7 @@ class LUMO_API CAudioDecoder {
   std::unique_ptr<lumo::AudioOutput> m_pcmDump;
   FILE* m_aacDump = nullptr;
 
-  lumo::Thread m_thread;
   std::atomic<bool> m_running{false};
   std::atomic<int> m_instanceId;
-  // Wakes the idle wait when a stop is requested, and tells StopDecode when the thread is done.
-  std::mutex m_stateMutex;
-  std::condition_variable m_stateCv;
-  bool m_stopRequested = false;
-  bool m_threadDone = true;
+  lumo::WorkerThread m_worker{"AudioDecoder"};
 };

@@ -36,11 +36,10 @@ CVideoDecoder::CVideoDecoder(CPhoneCameraCtrl* ctrl, H264DataReviever* receiver)
 }
 
 CVideoDecoder::~CVideoDecoder() {
-  SetRunning(false);
-  // The decode thread ends within one packet once `running` is clear. The limit is for a
-  // library unloaded with the thread still running: on Windows that thread cannot finish
-  // while the loader is unloading us, and is terminated instead of waited for forever.
-  m_thread.Join(kStopJoinMs);
+  m_running = false;
+  // Waits for the decode thread however long it takes: everything freed below is what it uses.
+  m_worker.Stop(kStopJoinMs);
+  m_receiver->DropConsumer(&m_worker);
   delete[] m_frontBuffer;
   FreeQueueBuf();
   CloseCodec();
@@ -60,16 +59,13 @@ bool CVideoDecoder::Grow(unsigned char*& block, size_t& capacity, size_t needed)
   return true;
 }
 
-void CVideoDecoder::SetRunning(bool on) {
-  std::lock_guard<std::mutex> guard(m_wakeMutex);
-  m_running = on;
-  m_wake.notify_all();
-}
-
-void CVideoDecoder::WaitWhileRunning(uint64_t us) {
-  // A stop must not wait out a 500 ms pause: the wait ends as soon as `running` is cleared.
-  std::unique_lock<std::mutex> lock(m_wakeMutex);
-  lumo::GetClock().WaitFor(lock, m_wake, us, [this] { return !m_running; });
+void CVideoDecoder::SleepUs(uint64_t us) {
+  // The steps that sleep must not be shortened by the wakes a push leaves behind, so a wake
+  // only sends the thread back to sleep for the rest; a stop ends the sleep at once.
+  const uint64_t deadline = lumo::PerfCounterUs() + us;
+  for (uint64_t now = lumo::PerfCounterUs(); now < deadline; now = lumo::PerfCounterUs()) {
+    if (!m_worker.WaitUs(deadline - now)) return;
+  }
 }
 
 void CVideoDecoder::InitDecoderType() {
@@ -202,15 +198,17 @@ bool CVideoDecoder::ReInitDecoder() {
 void CVideoDecoder::ReleaseDecoder() { m_running = false; }
 
 void CVideoDecoder::StartDecode() {
+  // StopDecode returns only once the previous thread has ended, so there is never a second
+  // loop, and InitDecoder below never frees the codec under a running one.
   StopDecode();
   InitDecoder();
   m_receiver->SetGotIFrame(false);
-  SetRunning(true);
+  m_running = true;
   m_fileFrameTs = 0;
 
   bool started = false;
   if (!m_inputFile.empty()) {
-    started = m_thread.Start([this] { VideoDecodeProc2(); });
+    started = m_worker.Start([this] { VideoDecodeProc2(); });
   } else if (m_decodeType == 3 && DxvaInit()) {
     // Not reached: the hardware path is never selected (InitDecoder sets type 1).
   } else {
@@ -218,13 +216,16 @@ void CVideoDecoder::StartDecode() {
       std::lock_guard<std::recursive_mutex> guard(m_lock);
       if (m_freeFrames.empty() && m_readyFrames.empty()) AllocQueueBuf();
     }
-    started = m_thread.Start([this] { VideoDecodeProc(); });
+    m_receiver->SetConsumer(&m_worker);
+    started = m_worker.Start([this] { VideoDecodeProc(); });
     Log(LOG_INFO, "[phoneVideo] Use decode type cpu");
   }
   if (started) {
-    Log(LOG_INFO, "[phoneVideo] StartDecode create thread success with id:%u", m_thread.Id());
+    m_threadStarted = true;
+    Log(LOG_INFO, "[phoneVideo] StartDecode create thread success with id:%u", m_worker.Id());
   } else {
-    SetRunning(false);
+    m_running = false;
+    m_receiver->DropConsumer(&m_worker);
     Log(LOG_INFO, "[phoneVideo]StartDecode create thread fail with last error:%u",
         static_cast<unsigned>(lumo::LastSystemError()));
   }
@@ -236,14 +237,14 @@ void CVideoDecoder::StopDecode() {
     if (m_frontBuffer != nullptr) std::memset(m_frontBuffer, 0, m_frontCapacity);
   }
   CleanQueueData();
-  SetRunning(false);
+  m_running = false;
   lumo::Host().ClearCurrentTexture();
-  if (m_thread.HasThread()) {
-    // Join gives the thread up after the time-out (terminated on Windows, detached on POSIX);
-    // the decode thread ends within one packet, so this is a stuck decoder.
-    if (!m_thread.Join(kStopJoinMs)) {
-      Log(LOG_ERROR, "[phoneVideo] terminate thread fail:%d", lumo::LastSystemError());
-    }
+  if (m_threadStarted) {
+    // A thread slower than the bound is waited for (the worker logs it), never terminated: a
+    // killed thread would leave FFmpeg's state and our locks half-held.
+    m_worker.Stop(kStopJoinMs);
+    m_receiver->DropConsumer(&m_worker);
+    m_threadStarted = false;
     m_firstFrame = true;
     Log(LOG_ERROR, "[phoneVideo] StopDecode stop thread");
   }
@@ -321,11 +322,11 @@ void CVideoDecoder::VideoDecodeProc() {
   for (;;) {
     lumo::Stopwatch stopwatch;
     if (!m_receiver->HasGotIFrame()) {
-      WaitWhileRunning(kKeyFrameWaitUs);
+      SleepUs(kKeyFrameWaitUs);
       keyFrameRounds = 0;
     } else if (keyFrameRounds < 2 && ++keyFrameRounds < 2 && !m_ctrl->IsHighIOSVersion()) {
       // Once after the first key frame: let the receiver's queue fill before decoding.
-      WaitWhileRunning(kSettleWaitUs);
+      SleepUs(kSettleWaitUs);
     } else {
       if (m_receiver->IsDecoderChanged()) {
         if (!ReInitDecoder()) {
@@ -337,7 +338,10 @@ void CVideoDecoder::VideoDecodeProc() {
       }
       m_receiver->PopH264RawData(&m_packet);
       if (m_packet.length == 0) {
-        m_receiver->WaitH264RawData();
+        // At most 10 ms, like the receiver's own wait, but on our worker: a push wakes it at
+        // once and so does a stop. A wake left by a push during the last decode ends it at
+        // once; the next pop then finds nothing and waits again.
+        m_worker.WaitUs(kPushWaitUs);
       } else {
         if (m_decodeType == 2) {
           HwDecode(nullptr, &m_packet);

@@ -24,7 +24,7 @@
 
 #include "platform/export.h"
 #include "media/VideoRawPkg.h"
-#include "platform/thread.h"
+#include "host/WorkerThread.h"
 
 struct AVBufferRef;
 struct AVCodec;
@@ -90,6 +90,7 @@ class LUMO_API CVideoDecoder {
   static constexpr uint64_t kSlowUs = 30000;           // a decode slower than this is logged
   static constexpr uint64_t kKeyFrameWaitUs = 10000;   // poll while no key frame has come
   static constexpr uint64_t kSettleWaitUs = 500000;    // once, after the first key frame
+  static constexpr uint64_t kPushWaitUs = 10000;       // longest idle wait for a push
   static constexpr uint64_t kStatisticsWindowUs = 60000000;
   static constexpr uint32_t kStopJoinMs = 1000;
   static constexpr int kMaxFilePackets = 502;
@@ -117,9 +118,8 @@ class LUMO_API CVideoDecoder {
   void CleanQueueData();
   void VideoDecodeProc();
   void VideoDecodeProc2();
-  // Waits up to `us` on the library clock; returns early when decoding is stopped.
-  void WaitWhileRunning(uint64_t us);
-  void SetRunning(bool on);
+  // Sleeps `us` on the library clock; only a stop ends it early (a push does not).
+  void SleepUs(uint64_t us);
   // Sends the record's bytes, padded as FFmpeg requires, and receives one picture.
   // Returns FFmpeg's status; `got` is 1 when m_frame holds a picture.
   int SendAndReceive(const unsigned char* data, size_t size, int& got);
@@ -154,9 +154,10 @@ class LUMO_API CVideoDecoder {
   unsigned long long m_fileFrameTs = 0;
   std::atomic<bool> m_running{true};
   bool m_frameRead = false;
-  lumo::Thread m_thread;
-  std::mutex m_wakeMutex;  // lets StopDecode cut a wait of the decode thread short
-  std::condition_variable m_wake;
+  // The decode thread. Its waits end on a stop, and the pop-empty wait also on a push (the
+  // receiver wakes it while we are its consumer).
+  lumo::WorkerThread m_worker{"phoneVideo decode"};
+  bool m_threadStarted = false;  // a thread was started and not yet collected by StopDecode
 
   std::mutex m_decimatorLock;  // SetFps comes from the host while the decode thread decimates
   std::shared_ptr<FPS::VPMVideoDecimator> m_decimator;

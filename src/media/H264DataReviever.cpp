@@ -6,6 +6,7 @@
 #include "host/HostServices.h"
 #include "host/Log.h"
 #include "host/PhoneCameraCtrl.h"
+#include "host/WorkerThread.h"
 #include "platform/clock.h"
 #include "platform/paths.h"
 
@@ -144,6 +145,7 @@ void H264DataReviever::PushH264RawData(const unsigned char* data, unsigned long 
   m_waitingSlots.push_back(slot);
 
   m_event.Set();
+  if (m_consumer != nullptr) m_consumer->Wake();
   m_ctrl->AddReceivedVideoFrame();
 
   if (m_waitFirstIFrame && len >= 5 && data[0] == 0 && data[1] == 0 && data[2] == 0 && data[3] == 1 &&
@@ -315,6 +317,16 @@ void H264DataReviever::PopH264RawData(VID::VideoRawPkg* record) {
 void H264DataReviever::WaitH264RawData() {
   m_event.Wait(10);
   m_event.Reset();
+}
+
+void H264DataReviever::SetConsumer(lumo::WorkerThread* consumer) {
+  std::lock_guard<std::recursive_mutex> guard(m_lock);
+  m_consumer = consumer;
+}
+
+void H264DataReviever::DropConsumer(lumo::WorkerThread* consumer) {
+  std::lock_guard<std::recursive_mutex> guard(m_lock);
+  if (m_consumer == consumer) m_consumer = nullptr;
 }
 
 void H264DataReviever::OnStopCapture() {

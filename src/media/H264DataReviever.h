@@ -21,6 +21,9 @@
 #include "platform/event.h"
 
 class CPhoneCameraCtrl;
+namespace lumo {
+class WorkerThread;
+}
 
 class H264DataReviever {
  public:
@@ -39,8 +42,14 @@ class H264DataReviever {
   int AnalyseVideoFrame(const unsigned char* data, unsigned long long len);
   // Moves the oldest waiting packet into `record`; record->length 0 when none was waiting.
   void PopH264RawData(VID::VideoRawPkg* record);
-  // Waits at most 10 ms for a push; the decode thread calls it after an empty pop.
+  // Waits at most 10 ms for a push. The decode thread waits on its own worker instead (see
+  // SetConsumer), which the push wakes just the same and which a stop also ends.
   void WaitH264RawData();
+  // The decode thread that a push wakes (null: none). Set and cleared under the receiver's lock,
+  // so once a clear has returned no push touches the old one.
+  void SetConsumer(lumo::WorkerThread* consumer);
+  // Clears the consumer when it is `consumer` (another decoder may have taken the place).
+  void DropConsumer(lumo::WorkerThread* consumer);
   // Returns every waiting packet to the free pool.
   void OnStopCapture();
 
@@ -90,6 +99,7 @@ class H264DataReviever {
   std::atomic<bool> m_decoderChanged{false};
   std::atomic<bool> m_gotIFrame{false};
   lumo::AutoResetEvent m_event;
+  lumo::WorkerThread* m_consumer = nullptr;  // under m_lock
   std::atomic<unsigned long long> m_byteCounter{0};
   std::atomic<unsigned long long> m_lastBitrateTick{0};
   FILE* m_dumpFile = nullptr;

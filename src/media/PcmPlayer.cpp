@@ -102,9 +102,9 @@ int PcmPlayer::Open(short channels, int sampleRate) {
   m_writesLastSecond = 0;
   m_resetRequested = false;
 
-  if (!m_thread.HasThread()) {
+  if (!m_worker.IsRunning()) {
     m_threadState = 1;
-    if (m_thread.Start([this] { PlaybackProc(); })) {
+    if (m_worker.Start([this] { PlaybackProc(); })) {
       // A hand-shake rather than a poll: the thread says when it runs.
       m_cv.wait(lock, [this] { return m_threadState != 1; });
     } else {
@@ -184,7 +184,11 @@ void PcmPlayer::RequestReset() {
 }
 
 void PcmPlayer::WaitMs(std::unique_lock<std::mutex>& lock, uint32_t ms) {
-  lumo::GetClock().WaitFor(lock, m_cv, static_cast<uint64_t>(ms) * 1000, [this] { return m_threadState == 3; });
+  // The writer and Open need the lock meanwhile; whoever changes the ring under our feet bumps
+  // m_generation, which the caller checks after the sleep.
+  lock.unlock();
+  m_worker.WaitMs(ms);
+  lock.lock();
 }
 
 void PcmPlayer::PlaybackProc() {
@@ -229,13 +233,11 @@ void PcmPlayer::PlaybackProc() {
 void PcmPlayer::Close() {
   std::unique_lock<std::mutex> lock(m_mutex);
   m_opened = false;
-  if (m_thread.HasThread()) {
-    if (m_threadState != 0) m_threadState = 3;
-    m_cv.notify_all();
-    lock.unlock();
-    m_thread.Join(lumo::Thread::kInfinite);
-    lock.lock();
-  }
+  if (m_threadState != 0) m_threadState = 3;
+  m_cv.notify_all();  // a writer waiting for a free slot gives up
+  lock.unlock();
+  m_worker.Stop();  // ends a sleep of the playback thread at once, then joins it
+  lock.lock();
   m_threadState = 0;
   if (m_output) {
     m_output->Close();

@@ -18,7 +18,7 @@
 #include <mutex>
 #include <string>
 
-#include "platform/thread.h"
+#include "host/WorkerThread.h"
 
 namespace lumo {
 class AudioOutput;
@@ -81,7 +81,7 @@ class PcmPlayer {
   int WriteSlot(std::unique_lock<std::mutex>& lock, const unsigned char* pcm, unsigned length);
   void PlaybackProc();
   void EmptyRing();
-  // Waits `ms` on the library clock; returns early when a stop is requested.
+  // Sleeps `ms` on the library clock with `lock` released; only a stop ends it early.
   void WaitMs(std::unique_lock<std::mutex>& lock, uint32_t ms);
 
   OutputFactory m_factory;
@@ -103,7 +103,7 @@ class PcmPlayer {
   // Bumped whenever the ring is emptied under the playback thread's feet (Open, reset), so that
   // it does not free a slot that was already emptied and refilled meanwhile.
   unsigned m_generation = 0;
-  lumo::Thread m_thread;
   std::mutex m_mutex;  // guards everything above; a plain mutex because the clock waits on it
-  std::condition_variable m_cv;
+  std::condition_variable m_cv;  // a slot freed, the thread running, the player closed
+  lumo::WorkerThread m_worker{"PcmPlayer"};  // the playback thread; Close stops it
 };

@@ -11,6 +11,13 @@
 
 namespace lumo {
 
+// What a device says about its own queue, for diagnostics and benchmarks. -1: not known.
+struct AudioQueueInfo {
+  long bufferFrames = -1;          // the most it holds
+  long startThresholdFrames = -1;  // it starts playing once this much is queued
+  long queuedFrames = -1;          // handed over and not yet played
+};
+
 class AudioOutput {
  public:
   virtual ~AudioOutput() = default;
@@ -23,10 +30,16 @@ class AudioOutput {
   virtual bool Write(const unsigned char* pcm, size_t length) = 0;
   virtual void Close() = 0;
   virtual bool IsOpen() const = 0;
+  // False when the output keeps no queue it can describe (files, null, closed devices).
+  virtual bool QueueInfo(AudioQueueInfo& info) const {
+    info = AudioQueueInfo();
+    return false;
+  }
 };
 
-// The default output device of the system.
-std::unique_ptr<AudioOutput> CreateSystemAudioOutput();
+// The default output device of the system. On Linux `device` names another ALSA PCM (e.g.
+// "null"); waveOut always plays on the default device.
+std::unique_ptr<AudioOutput> CreateSystemAudioOutput(const std::string& device = std::string());
 // Accepts and discards everything.
 std::unique_ptr<AudioOutput> CreateNullAudioOutput();
 // A standard 16-bit PCM WAV file at `path`, replaced at every Open; the header's sizes are

@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <thread>
 
 #include "media/CVideoDecoder.h"
 
@@ -20,9 +21,19 @@ class VideoDecoderTestPeer {
     return ok;
   }
   int ErrorCount() const { return m_d.m_errorCount; }
-  bool HasThread() const { return m_d.m_thread.HasThread(); }
-  bool ThreadFinished() const { return m_d.m_thread.IsFinished(); }
-  bool JoinThread(uint32_t ms) { return m_d.m_thread.Join(ms); }
+  bool HasThread() const { return m_d.m_worker.IsRunning(); }
+  // Waits (real time, at most `ms`) for a thread that ends by itself, e.g. at the end of a file.
+  // StopDecode collects it afterwards.
+  bool WaitThreadEnded(uint32_t ms) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (m_d.m_worker.IsRunning()) {
+      if (std::chrono::steady_clock::now() >= until) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+  }
+  // The codec context the decoder holds now: a test checks that it stays put under a decode.
+  const void* CodecContext() const { return m_d.m_context; }
   size_t ReadyFrames() {
     std::lock_guard<std::recursive_mutex> guard(m_d.m_lock);
     return m_d.m_readyFrames.size();

@@ -232,6 +232,32 @@ TEST_F(PcmPlayerTest, RefusesWritesUntilOpenedAndWhileAResetIsPending) {
   EXPECT_EQ(player.Write(pcm.data(), 4096), -1);
 }
 
+TEST_F(PcmPlayerTest, CloseEndsEveryWaitOfThePlaybackThreadWithoutTheClockMoving) {
+  // The pre-fill wait (10 ms), the pause after a buffer (17 ms: 22 × 0.8 with a backlog) and
+  // the look at an empty ring (20 ms). The clock is frozen, so only the stop can end each one;
+  // a reopen then starts a new thread.
+  for (long long stage : {10, 17, 20}) {
+    SCOPED_TRACE(stage);
+    WaitLog waits(sim.clock);
+    PcmPlayer player(RecordingOutputFactory(record));
+    ASSERT_EQ(player.Open(2, 44100), 0);
+    size_t next = 1;
+    ASSERT_EQ(waits.Wait(next++), 10);
+    if (stage != 10) {
+      for (int i = 0; i < 10; ++i) ASSERT_EQ(player.Write(Buffer(1).data(), PcmPlayer::kBufferBytes), 0);
+      sim.clock.AdvanceMs(10);
+      std::vector<long long> seen = RunUntilWait(waits, next, stage);
+      ASSERT_EQ(seen.back(), stage);
+    }
+    const uint64_t at = sim.clock.PerfCounterUs();
+    player.Close();  // a hang here is the failure
+    EXPECT_EQ(sim.clock.PerfCounterUs(), at);
+    EXPECT_FALSE(player.IsOpen());
+    ASSERT_EQ(player.Open(2, 44100), 0);
+    EXPECT_EQ(waits.Wait(next), 10);  // the new thread waits for its pre-fill
+  }
+}
+
 TEST_F(PcmPlayerTest, FrameLargerThanABufferIsSpreadOverTwo) {
   PcmPlayer player(RecordingOutputFactory(record));
   ASSERT_EQ(player.Open(2, 44100), 0);

@@ -3,10 +3,13 @@
 // uncompressed, so every decoded byte is known exactly.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <random>
 #include <string>
 #include <vector>
@@ -232,6 +235,72 @@ constexpr uint64_t kSettleWait = 500000;
 void StopDriving(CVideoDecoder& decoder, SimClock& sim) {
   auto done = std::async(std::launch::async, [&] { decoder.StopDecode(); });
   while (done.wait_for(std::chrono::milliseconds(2)) != std::future_status::ready) sim.AdvanceMs(10);
+}
+
+// Holds the decode thread inside Decode until the test opens the gate, so that a stop meets a
+// slow loop. Notes how many loops decode at once and whether the codec moved under a decode.
+class GatedVideoDecoder : public CVideoDecoder {
+ public:
+  using CVideoDecoder::CVideoDecoder;
+  ~GatedVideoDecoder() override {
+    OpenGate();
+    StopDecode();
+  }
+  bool Decode(void* context, VID::VideoRawPkg* packet) override {
+    VideoDecoderTestPeer peer(*this);
+    const void* codec = peer.CodecContext();
+    std::unique_lock<std::mutex> lock(m_mutex);
+    ++m_entered;
+    m_maxInside = std::max(m_maxInside, ++m_inside);
+    m_cv.notify_all();
+    m_cv.wait(lock, [this] { return m_open; });
+    m_codecKept = m_codecKept && peer.CodecContext() == codec;
+    lock.unlock();
+    const bool stored = CVideoDecoder::Decode(context, packet);
+    lock.lock();
+    --m_inside;
+    ++m_done;
+    m_cv.notify_all();
+    return stored;
+  }
+  bool WaitEntered(int n) { return WaitFor([&] { return m_entered >= n; }); }
+  bool WaitDone(int n) { return WaitFor([&] { return m_done >= n; }); }
+  void OpenGate() {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_open = true;
+    m_cv.notify_all();
+  }
+  int MaxInside() {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return m_maxInside;
+  }
+  bool CodecKept() {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return m_codecKept;
+  }
+
+ private:
+  template <typename F>
+  bool WaitFor(F ready) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_cv.wait_for(lock, std::chrono::seconds(10), ready);
+  }
+  std::mutex m_mutex;
+  std::condition_variable m_cv;
+  bool m_open = false;
+  int m_entered = 0, m_done = 0, m_inside = 0, m_maxInside = 0;
+  bool m_codecKept = true;
+};
+
+// Stops `decoder` on another thread without moving the clock; true when that returned within
+// 5 s of real time. Otherwise time is driven until the stop has joined, so the thread is
+// collected on every path.
+bool StopsWithoutTimeMoving(CVideoDecoder& decoder, SimClock& sim) {
+  const uint64_t before = sim.PerfCounterUs();
+  auto done = std::async(std::launch::async, [&] { decoder.StopDecode(); });
+  const bool prompt = done.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+  while (done.wait_for(std::chrono::milliseconds(2)) != std::future_status::ready) sim.AdvanceMs(10);
+  return prompt && sim.PerfCounterUs() == before;
 }
 
 class VideoDecoderTest : public ::testing::Test {
@@ -502,6 +571,97 @@ TEST_F(VideoDecoderTest, StartAndStopLeaveNoThreadBehind) {
   EXPECT_EQ(host.CountLog(2, "[phoneVideo] VideoDecodeProc exit"), 3u);
 }
 
+TEST_F(VideoDecoderTest, StopEndsEveryWaitOfTheDecodeThreadWithoutTheClockMoving) {
+  // Where the thread sleeps: before the first key frame, the half second after it, and while
+  // the receiver is empty.
+  enum Stage { kNoKeyFrame, kSettling, kIdle };
+  for (Stage stage : {kNoKeyFrame, kSettling, kIdle}) {
+    SCOPED_TRACE(stage);
+    SimClock sim;
+    RecordingClock clock(sim);
+    host.contentType = 1;
+    if (stage == kIdle) ctrl.SetHighIOSVersion();  // straight to decoding, then idle
+    const int decodes = dec->Decodes();
+    dec->StartDecode();
+    ASSERT_TRUE(clock.WaitForWaits(kKeyFrameWait, 1)) << "no key frame yet";
+    if (stage != kNoKeyFrame) {
+      const Bytes key = PcmKeyFrame(32, 32, 1);
+      rx->PushH264RawData(key.data(), key.size(), 1, PHONE_DATA_SOURCE_USB);
+      sim.AdvanceMs(10);
+    }
+    if (stage == kSettling) {
+      ASSERT_TRUE(clock.WaitForWaits(kSettleWait, 1));
+    }
+    if (stage == kIdle) {
+      ASSERT_TRUE(dec->WaitDecodes(decodes + 1));
+      ASSERT_TRUE(sim.WaitForSleepers(1));
+    }
+    EXPECT_TRUE(StopsWithoutTimeMoving(*dec, sim));
+    EXPECT_FALSE(peer.HasThread());
+  }
+}
+
+TEST_F(VideoDecoderTest, APushWakesTheIdleDecodeThreadAtOnce) {
+  SimClock sim;
+  RecordingClock clock(sim);
+  host.contentType = 1;
+  ctrl.SetHighIOSVersion();
+  dec->StartDecode();
+  ASSERT_TRUE(clock.WaitForWaits(kKeyFrameWait, 1));
+  const Bytes key = PcmKeyFrame(32, 32, 3);
+  rx->PushH264RawData(key.data(), key.size(), 1, PHONE_DATA_SOURCE_USB);
+  sim.AdvanceMs(10);
+  ASSERT_TRUE(dec->WaitDecodes(1));
+  ExpectPicture(32, 32, 3, 1);
+  // Idle now, waiting for a push on the frozen clock: only the push can end the wait.
+  for (int n = 2; n <= 4; ++n) {
+    ASSERT_TRUE(sim.WaitForSleepers(1));
+    const uint64_t before = sim.PerfCounterUs();
+    rx->PushH264RawData(key.data(), key.size(), n, PHONE_DATA_SOURCE_USB);
+    ASSERT_TRUE(dec->WaitDecodes(n));
+    ExpectPicture(32, 32, 3, n);
+    EXPECT_EQ(sim.PerfCounterUs(), before);
+  }
+  EXPECT_TRUE(StopsWithoutTimeMoving(*dec, sim));
+}
+
+TEST_F(VideoDecoderTest, StartAfterASlowStopWaitsForTheOldLoopAndKeepsItsCodec) {
+  host.contentType = 1;
+  ctrl.SetHighIOSVersion();
+  GatedVideoDecoder slow(&ctrl, rx.get());
+  slow.StartDecode();
+  const Bytes key = PcmKeyFrame(32, 32, 5);
+  rx->PushH264RawData(key.data(), key.size(), 1, PHONE_DATA_SOURCE_USB);
+  ASSERT_TRUE(slow.WaitEntered(1));
+
+  // The host restarts capture while the loop is stuck in a decode for longer than the stop's
+  // bound. The old loop must end before a new one starts and before the codec is re-opened.
+  auto restart = std::async(std::launch::async, [&] {
+    slow.StopDecode();
+    slow.StartDecode();
+  });
+  struct OpenOnExit {  // a failed assertion must not leave the restart blocked on the gate
+    GatedVideoDecoder& d;
+    ~OpenOnExit() { d.OpenGate(); }
+  } guard{slow};
+  ASSERT_TRUE(host.WaitForLog("still running 1000 ms after stop; waiting for it"));
+  EXPECT_EQ(restart.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
+  EXPECT_EQ(host.CountLog(2, "[phoneVideo] VideoDecodeProc enter"), 1u);
+
+  slow.OpenGate();
+  restart.get();
+  EXPECT_TRUE(slow.CodecKept());
+  EXPECT_EQ(host.CountLog(2, "[phoneVideo] VideoDecodeProc exit"), 1u);
+  EXPECT_EQ(host.CountLogsStartingWith("[phoneVideo] terminate thread fail"), 0u);
+
+  // The new loop decodes on its own codec.
+  rx->PushH264RawData(key.data(), key.size(), 2, PHONE_DATA_SOURCE_USB);
+  ASSERT_TRUE(slow.WaitDone(2));
+  EXPECT_EQ(slow.MaxInside(), 1);
+  EXPECT_EQ(host.CountLog(2, "[phoneVideo] VideoDecodeProc enter"), 2u);
+  slow.StopDecode();
+}
+
 TEST_F(VideoDecoderTest, FilePathDecodesAnAnnexBFile) {
   lumo::test::ScopedAppData dir;
   const std::string path = dir.path + "/clip.h264";
@@ -515,7 +675,7 @@ TEST_F(VideoDecoderTest, FilePathDecodesAnAnnexBFile) {
   std::string arg = path;
   dec->SetH264File(&arg[0]);
   dec->StartDecode();
-  ASSERT_TRUE(peer.JoinThread(20000));  // the thread ends at the end of the file
+  ASSERT_TRUE(peer.WaitThreadEnded(20000));  // the thread ends at the end of the file
   int w = 0, h = 0;
   unsigned long long ts = 1;
   bool read = true;

@@ -129,6 +129,8 @@ class WaveOutAudioOutput final : public AudioOutput {
 
 }  // namespace
 
-std::unique_ptr<AudioOutput> CreateSystemAudioOutput() { return std::make_unique<WaveOutAudioOutput>(); }
+std::unique_ptr<AudioOutput> CreateSystemAudioOutput(const std::string&) {
+  return std::make_unique<WaveOutAudioOutput>();
+}
 
 }  // namespace lumo
