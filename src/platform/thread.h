@@ -31,8 +31,6 @@ class Thread {
   bool IsFinished() const;
   uint32_t Id() const;  // numeric id for log lines; 0 without a thread
 
-  // A short-lived thread that nobody joins. False when the system refuses.
-  static bool StartDetached(std::function<void()> body);
   static uint32_t CurrentId();
 
  private:

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -20,6 +21,9 @@
 #include "host/PhoneCameraTypes.h"
 #include "platform/clock.h"
 
+namespace lumo {
+class DelayedTasks;
+}
 class CPhoneCameraCtrl;
 class H264DataReviever;
 class AudioDataReviever;
@@ -36,6 +40,7 @@ class LUMO_API PhoneDataParse {
   PhoneDataParse(CPhoneCameraCtrl* ctrl, H264DataReviever* video, AudioDataReviever* audio1,
                  AudioDataReviever* audio2, CVideoDecoder* decoder = nullptr, CAudioDecoder* audioDecoder1 = nullptr,
                  CAudioDecoder* audioDecoder2 = nullptr);
+  // Cancels the delayed work and waits for a piece that is running, so none outlives the parser.
   ~PhoneDataParse();
   PhoneDataParse(const PhoneDataParse&) = delete;
   PhoneDataParse& operator=(const PhoneDataParse&) = delete;
@@ -48,6 +53,10 @@ class LUMO_API PhoneDataParse {
   void SetUSBCallback(IUSBEventCallback* callback);
   void SetWifiCallback(IWifiEventCallback* callback);
   void SendPing(ePhoneDataSource source);
+  // Drops the waiting capture retries and late camera fetches and waits for one that is running:
+  // for a host that resets the link, or a harness between inputs. Not from a handler that a
+  // delayed task can be waiting on (it holds no lock the tasks take).
+  void CancelDelayedWork();
 
   // The last-media time: host clock (100-ns units) of the last media frame or time match.
   unsigned long long UpdateStartPhoneTimeStamp();
@@ -123,8 +132,10 @@ class LUMO_API PhoneDataParse {
   void OnRcvResponseSetExposureStat(ePhoneDataSource source, Json::Value root);
   void OnRcvAppSwitchPhone(ePhoneDataSource source, Json::Value root);
   void ResetVideoQualityForCapture();
-  static void MonitorStartCaptureProcProxy(PhoneDataParse* self);
-  void MonitorStartCaptureProc();
+  // The capture retry: each attempt is a delayed task that schedules the next.
+  void ScheduleCaptureRetry(int attempt);
+  static void MonitorStartCaptureProcProxy(PhoneDataParse* self, int attempt);
+  void MonitorStartCaptureProc(int attempt);
 
   // Camera-parameter handlers and helpers.
   void SetPhoneCameraParams(ePhoneDataSource source, const Json::Value& command, bool force);
@@ -132,6 +143,8 @@ class LUMO_API PhoneDataParse {
   void SendPhoneCameraParamsToHx(ePhoneType phoneType, ePhoneDataSource source);
   void OnRcvResponseGetCameraParams(ePhoneDataSource source, Json::Value root, ePhoneType phoneType);
   void OnRcvResponseSetCameraParams(ePhoneDataSource source, Json::Value root);
+  // The late camera fetch after a phone or camera switch: logged when scheduled, fetched when due.
+  void StartDelayedCameraFetch();
   static void DelayGetPhoneCameraThread(PhoneDataParse* self);
   void DelayGetPhoneCameraHandle();
 
@@ -224,4 +237,10 @@ class LUMO_API PhoneDataParse {
   // Telemetry texts kept during a link (sent as "s1" and "s3"; empty until something defines them).
   std::string m_reportText1;
   std::string m_reportText3;
+
+  // Capture retries and late camera fetches, under one bound: a phone that repeats "prepared",
+  // "switch phone" or "camera switched" finds it full instead of piling work up. Declared last,
+  // so that it is stopped before anything its tasks use is destroyed.
+  // Behind a pointer so that this public header needs none of the threading headers.
+  std::unique_ptr<lumo::DelayedTasks> m_delayed;
 };

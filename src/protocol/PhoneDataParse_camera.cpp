@@ -1,15 +1,14 @@
 // Camera parameters: reading, changing, locally locked values, the host's information message.
 #include <json/json.h>
 
-#include <atomic>
 #include <mutex>
 #include <string>
 
+#include "host/DelayedTasks.h"
 #include "host/HostServices.h"
 #include "host/Log.h"
 #include "host/PhoneCameraCtrl.h"
 #include "platform/clock.h"
-#include "platform/thread.h"
 #include "protocol/JsonMember.h"
 #include "protocol/PhoneDataParse.h"
 
@@ -18,10 +17,6 @@ namespace {
 constexpr uint32_t kSwitchRecheckMs = 300000;
 constexpr int kUnlocked = -100;
 constexpr uint32_t kDelayedFetchMs = 3000;
-// A phone that answers every change with "switched" would otherwise start one sleeping thread
-// per message; a handful in flight covers any real sequence of camera switches.
-constexpr int kMaxDelayedFetches = 8;
-std::atomic<int> g_delayedFetches{0};
 
 const char kCfgFile[] = "phoneVideoCfg.ini";
 const char kCfgSection[] = "PHONECAM";
@@ -40,13 +35,6 @@ void ZeroAllSettings(Json::Value& command) {
 }
 
 }  // namespace
-
-namespace lumo {
-// The delayed fetches started here that have not finished yet, for a test or harness that must
-// outlive them. Declared where it is used; not part of the parser's interface.
-int DelayedCameraFetchThreads();
-int DelayedCameraFetchThreads() { return g_delayedFetches; }
-}  // namespace lumo
 
 void PhoneDataParse::GetPhoneCameraParams(ePhoneDataSource source) {
   {
@@ -229,22 +217,20 @@ void PhoneDataParse::OnRcvResponseSetCameraParams(ePhoneDataSource source, Json:
   if (state == nullptr || !state->isInt() || state->asInt() != 1) return;
 
   // The other camera's parameters are only known once the phone has finished switching.
-  if (g_delayedFetches.fetch_add(1) >= kMaxDelayedFetches) {
-    --g_delayedFetches;
-    return;
-  }
-  bool started = lumo::Thread::StartDetached([this] {
-    DelayGetPhoneCameraThread(this);
-    --g_delayedFetches;
-  });
-  if (!started) --g_delayedFetches;
+  StartDelayedCameraFetch();
+}
+
+// Shared by a phone switch and a camera switch. A full queue refuses the fetch (and says so
+// itself): a phone that answers every change with "switched" cannot pile fetches up.
+void PhoneDataParse::StartDelayedCameraFetch() {
+  if (m_delayed->Schedule(kDelayedFetchMs, [this] { DelayGetPhoneCameraThread(this); }))
+    Log(LOG_INFO, "[phoneVideo] DelayGetPhoneCameraHandle");
 }
 
 void PhoneDataParse::DelayGetPhoneCameraThread(PhoneDataParse* self) { self->DelayGetPhoneCameraHandle(); }
 
+// Runs 3 s after the switch, on the delayed-work thread; it fetches from wherever capture runs.
 void PhoneDataParse::DelayGetPhoneCameraHandle() {
-  Log(LOG_INFO, "[phoneVideo] DelayGetPhoneCameraHandle");
-  lumo::SleepMs(kDelayedFetchMs);
   GetPhoneCameraParams(static_cast<ePhoneDataSource>(m_captureSource.load()));
 }
 

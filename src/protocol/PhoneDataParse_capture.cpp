@@ -1,17 +1,16 @@
 // Capture and projection control, and the settings that shape it.
 #include <json/json.h>
 
-#include <atomic>
-#include <functional>
 #include <string>
 
+#include "host/DelayedTasks.h"
 #include "host/HostServices.h"
 #include "host/Log.h"
 #include "host/PhoneCameraCtrl.h"
 #include "media/CAudioDecoder.h"
 #include "media/CVideoDecoder.h"
 #include "media/H264DataReviever.h"
-#include "platform/thread.h"
+#include "platform/clock.h"
 #include "protocol/JsonMember.h"
 #include "protocol/PhoneDataParse.h"
 
@@ -40,34 +39,7 @@ bool ReadInt(const Json::Value& root, const char* key, int& value) {
   return true;
 }
 
-// The capture retry and the delayed camera fetch run detached and use the parser; this count
-// lets a test (or a host shutting down) see that none is still running.
-std::atomic<int> g_detachedRunning{0};
-
-// Each one sleeps for seconds; a phone that repeats "prepared" or "switch phone" must not be
-// able to pile them up without limit. Sixteen is far above what a real session starts.
-constexpr int kMaxDetached = 16;
-
-bool StartCounted(std::function<void()> body) {
-  if (g_detachedRunning.fetch_add(1) >= kMaxDetached) {
-    --g_detachedRunning;
-    return false;
-  }
-  bool started = lumo::Thread::StartDetached([body] {
-    body();
-    --g_detachedRunning;
-  });
-  if (!started) --g_detachedRunning;
-  return started;
-}
-
 }  // namespace
-
-namespace lumo {
-// Declared where it is used (tests); not part of the parser's interface.
-int DetachedProtocolThreads();
-int DetachedProtocolThreads() { return g_detachedRunning; }
-}  // namespace lumo
 
 void PhoneDataParse::StartCapture(ePhoneDataSource source) {
   int fps = lumo::Host().GetVideoFps();
@@ -79,12 +51,8 @@ void PhoneDataParse::StartCapture(ePhoneDataSource source) {
   m_capturePending = true;
   m_captureSource = source;
   // Only a camera projection is worth insisting on: the phone may have missed the request.
-  if (lumo::Host().GetProjectContentType() == 0) {
-    if (!StartCounted([this] { MonitorStartCaptureProcProxy(this); }) &&
-        !lumo::Host().IsPrintTooFast(10000, "PhoneDataParse::StartCapture retry")) {
-      Log(LOG_ERROR, "[phoneVideo] StartCapture: retry thread not started");
-    }
-  }
+  // (A full queue refuses the retry and says so itself.)
+  if (lumo::Host().GetProjectContentType() == 0) ScheduleCaptureRetry(0);
   std::string text = Json2Str(Command(1002));
   SendJsonData(source, text);
   Log(LOG_INFO, "[phoneVideo] protocol StartCapture:%s", text.c_str());
@@ -101,15 +69,21 @@ void PhoneDataParse::ResetVideoQualityForCapture() {
   ResetVideoTsData();
 }
 
-void PhoneDataParse::MonitorStartCaptureProcProxy(PhoneDataParse* self) { self->MonitorStartCaptureProc(); }
+void PhoneDataParse::ScheduleCaptureRetry(int attempt) {
+  m_delayed->Schedule(kCaptureRetryMs, [this, attempt] { MonitorStartCaptureProcProxy(this, attempt); });
+}
 
-void PhoneDataParse::MonitorStartCaptureProc() {
-  for (int attempt = 0; attempt < kCaptureRetries; ++attempt) {
-    lumo::SleepMs(kCaptureRetryMs);
-    if (!m_capturePending) return;
-    Log(LOG_INFO, "[phoneVideo] MonitorStartCaptureProcProxy looIdx: %d", attempt);
-    ReStartCapture(static_cast<ePhoneDataSource>(m_captureSource.load()));
-  }
+void PhoneDataParse::MonitorStartCaptureProcProxy(PhoneDataParse* self, int attempt) {
+  self->MonitorStartCaptureProc(attempt);
+}
+
+// One attempt, 3 s after the start or the previous attempt; the next is scheduled from here, so
+// an unanswered start is repeated at 3, 6 and 9 s and then given up.
+void PhoneDataParse::MonitorStartCaptureProc(int attempt) {
+  if (!m_capturePending) return;
+  Log(LOG_INFO, "[phoneVideo] MonitorStartCaptureProcProxy looIdx: %d", attempt);
+  ReStartCapture(static_cast<ePhoneDataSource>(m_captureSource.load()));
+  if (attempt + 1 < kCaptureRetries) ScheduleCaptureRetry(attempt + 1);
 }
 
 void PhoneDataParse::ReStartCapture(ePhoneDataSource source) {
@@ -119,6 +93,9 @@ void PhoneDataParse::ReStartCapture(ePhoneDataSource source) {
 }
 
 void PhoneDataParse::StopCapture(ePhoneDataSource source) {
+  // A start still waiting for its answer is no longer wanted: without this a retry could
+  // restart the capture the host has just stopped.
+  m_capturePending = false;
   std::string text = Json2Str(Command(1003));
   SendJsonData(source, text);
   Log(LOG_INFO, "[phoneVideo] protocol StopCapture:%s", text.c_str());
@@ -338,7 +315,5 @@ void PhoneDataParse::OnRcvAppSwitchPhone(ePhoneDataSource source, Json::Value ro
   for (const char* key : {"localLockExposeCompensation", "localLockWhiteBalance", "localLockBokeh"}) {
     lumo::Host().SetConfigString(kVideoCfg, "PHONECAM", key, "-100");
   }
-  if (!StartCounted([this] { DelayGetPhoneCameraThread(this); })) {
-    Log(LOG_ERROR, "[phoneVideo] OnRcvAppSwitchPhone: delayed camera fetch not started");
-  }
+  StartDelayedCameraFetch();
 }

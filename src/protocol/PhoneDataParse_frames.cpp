@@ -5,6 +5,7 @@
 #include <cstring>
 #include <exception>
 
+#include "host/DelayedTasks.h"
 #include "host/Log.h"
 #include "host/PhoneCameraCtrl.h"
 #include "media/AudioDataReviever.h"
@@ -55,13 +56,17 @@ PhoneDataParse::PhoneDataParse(CPhoneCameraCtrl* ctrl, H264DataReviever* video, 
       m_audio2(audio2),
       m_decoder(decoder),
       m_audioDecoder1(audioDecoder1),
-      m_audioDecoder2(audioDecoder2) {
+      m_audioDecoder2(audioDecoder2),
+      m_delayed(std::make_unique<lumo::DelayedTasks>("protocol delayed work")) {
   m_senders[PHONE_DATA_SOURCE_USB] = nullptr;
   m_senders[PHONE_DATA_SOURCE_WIFI] = nullptr;
   Log(LOG_INFO, "[phoneVideo] reset video quality");
 }
 
-PhoneDataParse::~PhoneDataParse() = default;
+// Delayed tasks use the parser and the senders registered with it: they are stopped first.
+PhoneDataParse::~PhoneDataParse() { m_delayed->Close(); }
+
+void PhoneDataParse::CancelDelayedWork() { m_delayed->CancelAll(); }
 
 void PhoneDataParse::ParsePhoneData(ePhoneDataSource source, signed char* data, unsigned int len,
                                     ePhoneType phoneType) {

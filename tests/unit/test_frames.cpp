@@ -12,24 +12,11 @@
 #include "protocol/PhoneDataParse.h"
 #include "support/CapturingSender.h"
 #include "support/FakeHost.h"
+#include "support/ParserWorld.h"
 #include "support/SimClock.h"
 
 using lumo::test::Bytes;
 using lumo::test::CapturingSender;
-
-class PhoneDataParseTestPeer {
- public:
-  explicit PhoneDataParseTestPeer(PhoneDataParse& p) : p(p) {}
-  std::string ConstrcutCmd(const std::string& json) { return p.ConstrcutCmd(json); }
-  std::string Json2Str(const Json::Value& v) { return p.Json2Str(v); }
-  void SendJsonData(ePhoneDataSource s, const std::string& json) { p.SendJsonData(s, json); }
-  void SetCommandCounter(unsigned long long v) { p.m_commandCounter = v; }
-  unsigned long long CommandCounter() { return p.m_commandCounter; }
-  void SetPingCounter(unsigned long long v) { p.m_pingCounter = v; }
-  bool IsNeedPrintLog(unsigned long long& c) { return p.IsNeedPrintLog(c); }
-  size_t SenderEntries() { return p.m_senders.size(); }
-  PhoneDataParse& p;
-};
 
 namespace {
 
@@ -44,9 +31,9 @@ class FramesTest : public ::testing::Test {
   H264DataReviever video{&ctrl};
   AudioDataReviever audio1{&ctrl};
   AudioDataReviever audio2{&ctrl};
+  CapturingSender usb, wifi;
   PhoneDataParse parser{&ctrl, &video, &audio1, &audio2};
   PhoneDataParseTestPeer peer{parser};
-  CapturingSender usb, wifi;
 
   void SetUp() override {
     parser.SetDataSender(kUsb, &usb);

@@ -4,9 +4,6 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <chrono>
-#include <thread>
-
 #include "host/PhoneCameraCtrl.h"
 #include "media/AudioDataReviever.h"
 #include "media/H264DataReviever.h"
@@ -15,10 +12,6 @@
 #include "support/FakeHost.h"
 #include "support/ParserWorld.h"
 #include "support/SimClock.h"
-
-namespace lumo {
-int DelayedCameraFetchThreads();  // defined beside the fetch itself
-}  // namespace lumo
 
 using lumo::test::Bytes;
 using lumo::test::CapturingSender;
@@ -67,15 +60,6 @@ class CameraParamsTest : public ::testing::Test, protected lumo::test::ParserWor
       }
     }
     return out;
-  }
-  // Waits in real time for a line that another thread writes; false after five seconds.
-  bool WaitForLog(const std::string& text, size_t count) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (host.CountLog(text) < count) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::yield();
-    }
-    return true;
   }
 };
 
@@ -298,19 +282,13 @@ TEST_F(CameraParamsTest, SwitchedCameraIsFetchedThreeSecondsLaterOnTheCaptureSou
   EXPECT_TRUE(host.HasLog(2, "[phoneCamParam] OnRcvResponseSetCameraParams {\"cmdType\":2012,\"state\":1}\n"));
   Feed("{\"cmdType\":2012,\"switchCam\":{\"state\":1}}", kWifi);
 
-  ASSERT_TRUE(sim.clock.WaitForSleepers(1));
   // Only the real switch started a fetch.
-  EXPECT_FALSE(sim.clock.WaitForSleepers(2, std::chrono::milliseconds(200)));
-  EXPECT_TRUE(host.HasLog(2, "[phoneVideo] DelayGetPhoneCameraHandle"));
-  sim.clock.AdvanceMs(2999);
+  EXPECT_EQ(DelayedPending(), 1u);
+  EXPECT_EQ(host.CountLog(2, "[phoneVideo] DelayGetPhoneCameraHandle"), 1u);
+  ASSERT_TRUE(Advance(2999));
   EXPECT_TRUE(usb.Frames().empty());
-  sim.clock.AdvanceMs(1);
-  ASSERT_TRUE(WaitForLog("[phoneVideo] GetPhoneCameraParams {\"cmdType\":1011}\n", 1));
-  // The thread has ended before the parser and the host go away.
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (lumo::DelayedCameraFetchThreads() > 0 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::yield();
-  ASSERT_EQ(lumo::DelayedCameraFetchThreads(), 0);
+  ASSERT_TRUE(Advance(1));
+  EXPECT_TRUE(host.HasLog(2, "[phoneVideo] GetPhoneCameraParams {\"cmdType\":1011}\n"));
   // Capture never started here, so the fetch goes to the default capture source, USB.
   EXPECT_EQ(Texts(usb), std::vector<std::string>{"{\"cmdType\":1011}\n"});
   EXPECT_TRUE(wifi.Frames().empty());

@@ -5,7 +5,9 @@
 #include <json/json.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -21,12 +23,9 @@
 #include "support/FakeHost.h"
 #include "support/ParserWorld.h"
 #include "support/RecordingAudioOutput.h"
+#include "support/ScopedThread.h"
 #include "support/SimClock.h"
 #include "support/TempDir.h"
-
-namespace lumo {
-int DetachedProtocolThreads();  // defined beside the capture commands
-}
 
 using lumo::test::Bytes;
 using lumo::test::CapturingSender;
@@ -56,17 +55,6 @@ std::vector<Command> Commands(CapturingSender& sender) {
   return out;
 }
 
-// Waits in real time, boundedly, for something another thread will do.
-template <class Pred>
-bool WaitUntil(Pred pred) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::yield();
-  }
-  return true;
-}
-
 struct UsbCallback : IUSBEventCallback {
   int prepared = 0;
   void OnPhonePrepared() override { ++prepared; }
@@ -92,30 +80,35 @@ class SessionTest : public ::testing::Test, protected lumo::test::ParserWorld {
     parser.SetUSBCallback(&usbCallback);
     parser.SetWifiCallback(&wifiCallback);
   }
-  // Detached threads use the parser: drive every one to its end before the fixture goes.
-  void TearDown() override { DrainDetached(); }
-
-  void DrainDetached() {
-    bool drained = WaitUntil([&] {
-      if (lumo::DetachedProtocolThreads() == 0) return true;
-      if (sim.clock.Sleepers() > 0) sim.clock.AdvanceMs(1000);
-      return false;
-    });
-    ASSERT_TRUE(drained);
-  }
-
   void Feed(const std::string& json, ePhoneDataSource source = kUsb) {
     std::string frame = Bytes({1, 0, 0, 0, 9}) + json;
     parser.ParsePhoneData(source, reinterpret_cast<signed char*>(&frame[0]), static_cast<unsigned>(frame.size()),
                           PHONE_TYPE_ANDROID);
   }
-  // Runs `body` on its own thread through one sleep of `ms` on the library clock.
+  // Runs `body` on its own thread through one sleep of `ms` on the library clock. The delayed
+  // work's thread, once settled, may already be one sleeper; the body's sleep is the next.
   template <class F>
   void ThroughSleep(uint32_t ms, F body) {
-    std::thread t(body);
-    EXPECT_TRUE(sim.clock.WaitForSleepers(1));
+    EXPECT_TRUE(PhoneDataParseTestPeer(parser).DelayedSettled());
+    const size_t before = sim.clock.Sleepers();
+    std::atomic<bool> done{false};
+    // Had the body not been seen asleep, time keeps moving until it is through: the join must
+    // not hang on a failed test.
+    lumo::test::ScopedThread t(
+        [&] {
+          body();
+          done = true;
+        },
+        [&] {
+          while (!done) {
+            sim.clock.AdvanceMs(ms);
+            std::this_thread::yield();
+          }
+        });
+    const bool asleep = sim.clock.WaitForSleepers(before + 1);
+    EXPECT_TRUE(asleep);
     sim.clock.AdvanceMs(ms);
-    t.join();
+    if (asleep) t.join();
   }
   void FeedThroughSleep(const std::string& json, uint32_t ms, ePhoneDataSource source = kUsb) {
     ThroughSleep(ms, [&] { Feed(json, source); });
@@ -306,45 +299,18 @@ TEST_F(SessionTest, HighIosFlagIsNeverCleared) {
   EXPECT_EQ(ctrl.GetPhoneName(), "iPhone6,1");
 }
 
-TEST_F(SessionTest, CaptureRetryCancelledByEarlyStartResponse) {
-  parser.StartCapture(kUsb);
-  ASSERT_TRUE(sim.clock.WaitForSleepers(1));
-  sim.clock.AdvanceMs(2999);
-  Feed(R"({"cmdType":2002})");
-  DrainDetached();
-  std::vector<std::string> texts = Texts(usb);
-  ASSERT_FALSE(texts.empty());
-  EXPECT_EQ(texts[0], "{\"cmdType\":1002}\n");
-  EXPECT_EQ(std::count(texts.begin(), texts.end(), "{\"cmdType\":1002}\n"), 1);  // never repeated
-  EXPECT_EQ(host.CountLogsStartingWith("[phoneVideo] MonitorStartCaptureProcProxy looIdx"), 0u);
-  EXPECT_EQ(host.CountLogsStartingWith("[phoneVideo] protocol ReStartCapture"), 0u);
-}
-
-TEST_F(SessionTest, RepeatedPrepareCannotPileUpRetryThreads) {
-  // A phone that says "prepared" over and over restarts capture each time; the sleeping retry
-  // threads stay bounded however often it does.
-  for (int i = 0; i < 40; ++i) parser.StartCapture(kUsb);
-  ASSERT_TRUE(sim.clock.WaitForSleepers(16));
-  EXPECT_EQ(lumo::DetachedProtocolThreads(), 16);
-  EXPECT_EQ(host.CountLog(4, "[phoneVideo] StartCapture: retry thread not started"), 1u);  // throttled
-  Feed(R"({"cmdType":2002})");
-}
-
 TEST_F(SessionTest, CaptureRetryRepeatsAtThreeSixNineSecondsThenGivesUp) {
   parser.StartCapture(kUsb);
   EXPECT_TRUE(host.HasLog(2, "[phoneVideo] reset video quality"));
-  for (int attempt = 0; attempt < 3; ++attempt) {
-    ASSERT_TRUE(sim.clock.WaitForSleepers(1));
-    sim.clock.AdvanceMs(2999);
-    EXPECT_EQ(Commands(usb).size(), static_cast<size_t>(attempt + 1));
-    sim.clock.AdvanceMs(1);
-    ASSERT_TRUE(WaitUntil([&] { return Commands(usb).size() == static_cast<size_t>(attempt + 2); }));
-    EXPECT_TRUE(WaitUntil([&] {
-      return host.HasLog(2, "[phoneVideo] MonitorStartCaptureProcProxy looIdx: " + std::to_string(attempt));
-    }));
+  for (size_t attempt = 0; attempt < 3; ++attempt) {
+    ASSERT_TRUE(Advance(2999));
+    EXPECT_EQ(Commands(usb).size(), attempt + 1);
+    ASSERT_TRUE(Advance(1));
+    EXPECT_EQ(Commands(usb).size(), attempt + 2);
+    EXPECT_TRUE(host.HasLog(2, "[phoneVideo] MonitorStartCaptureProcProxy looIdx: " + std::to_string(attempt)));
   }
-  ASSERT_TRUE(WaitUntil([] { return lumo::DetachedProtocolThreads() == 0; }));
-  sim.clock.AdvanceMs(10000);
+  EXPECT_EQ(DelayedPending(), 0u);
+  ASSERT_TRUE(Advance(10000));
   std::vector<Command> sent = Commands(usb);
   ASSERT_EQ(sent.size(), 4u);
   for (size_t i = 0; i < sent.size(); ++i) {
@@ -354,10 +320,69 @@ TEST_F(SessionTest, CaptureRetryRepeatsAtThreeSixNineSecondsThenGivesUp) {
   EXPECT_EQ(host.CountLog(2, "[phoneVideo] protocol ReStartCapture:{\"cmdType\":1002}\n"), 3u);
 }
 
+TEST_F(SessionTest, CaptureRetryEndsWithTheStartAnswerOrACaptureStop) {
+  struct Case {
+    const char* name;
+    std::function<void()> end;
+  } cases[] = {
+      {"2002 just before the first retry", [&] { Feed(R"({"cmdType":2002})"); }},
+      {"capture stopped", [&] {
+         ThroughSleep(200, [&] { parser.StopCapture(kUsb); });
+         Feed(R"({"cmdType":2003})");
+       }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    usb.Clear();
+    host.ClearLogs();
+    parser.StartCapture(kUsb);
+    ASSERT_TRUE(Advance(2799));
+    c.end();
+    ASSERT_TRUE(Advance(10000));
+    std::vector<std::string> texts = Texts(usb);
+    ASSERT_FALSE(texts.empty());
+    EXPECT_EQ(texts[0], "{\"cmdType\":1002}\n");
+    EXPECT_EQ(std::count(texts.begin(), texts.end(), "{\"cmdType\":1002}\n"), 1);  // never repeated
+    EXPECT_EQ(host.CountLogsStartingWith("[phoneVideo] MonitorStartCaptureProcProxy looIdx"), 0u);
+    EXPECT_EQ(DelayedPending(), 0u);
+  }
+}
+
+TEST_F(SessionTest, RepeatedPrepareOrSwitchCannotPileUpDelayedWork) {
+  // A phone that says "prepared" over and over restarts capture each time; the waiting retries,
+  // and the late camera fetches with them, stay under one bound however often it does.
+  for (int i = 0; i < 40; ++i) parser.StartCapture(kUsb);
+  EXPECT_EQ(DelayedPending(), 16u);
+  Feed(R"({"cmdType":2017})");
+  Feed(R"({"cmdType":2012,"switchCam":{"state":1}})");
+  EXPECT_FALSE(host.HasLog("[phoneVideo] DelayGetPhoneCameraHandle"));
+  EXPECT_EQ(host.CountLog(3, "[delayed] protocol delayed work: 16 tasks waiting, one more refused"), 1u);
+  // Each waiting retry fires once and queues its next attempt in its own place.
+  ASSERT_TRUE(Advance(3000));
+  EXPECT_EQ(host.CountLog(2, "[phoneVideo] protocol ReStartCapture:{\"cmdType\":1002}\n"), 16u);
+  EXPECT_EQ(DelayedPending(), 16u);
+  Feed(R"({"cmdType":2002})");
+  ASSERT_TRUE(Advance(3000));
+  EXPECT_EQ(DelayedPending(), 0u);
+  EXPECT_EQ(host.CountLog(2, "[phoneVideo] protocol ReStartCapture:{\"cmdType\":1002}\n"), 16u);
+}
+
+TEST_F(SessionTest, DestroyingTheParserWithARetryWaitingRunsNothingLater) {
+  auto owned = std::make_unique<PhoneDataParse>(&ctrl, &video, &audio1, &audio2);
+  owned->SetDataSender(kUsb, &usb);
+  owned->StartCapture(kUsb);
+  ASSERT_TRUE(sim.clock.WaitForSleepers(1));  // the retry waits for its time
+  owned.reset();
+  EXPECT_EQ(sim.clock.Sleepers(), 0u);  // and its thread is gone with the parser
+  sim.clock.AdvanceMs(10000);
+  EXPECT_EQ(Texts(usb), std::vector<std::string>{"{\"cmdType\":1002}\n"});
+  EXPECT_FALSE(host.HasLog("[phoneVideo] protocol ReStartCapture:{\"cmdType\":1002}\n"));
+}
+
 TEST_F(SessionTest, NoCaptureRetryUnlessCameraProjection) {
   host.contentType = 1;
   parser.StartCapture(kUsb);
-  EXPECT_EQ(lumo::DetachedProtocolThreads(), 0);
+  EXPECT_EQ(DelayedPending(), 0u);
   EXPECT_EQ(Texts(usb), std::vector<std::string>{"{\"cmdType\":1002}\n"});
 }
 
@@ -556,7 +581,13 @@ TEST_F(SessionTest, ExposureAndEchoedAppCommands) {
   EXPECT_TRUE(host.HasLog(2, "[phoneVideo] OnRcvResponseSetExposureStat: {\"cmdType\":2016,\"ok\":1}\n"));
   EXPECT_TRUE(host.HasLog(2, "[phoneVideo] OnRcvResponseSetContentType: {\"cmdType\":2013}\n"));
   EXPECT_EQ(host.CountLog(2, "[phoneVideo] protocol OnRcvAppStartProjection,WifiAppStartProjection"), 1u);
-  DrainDetached();  // the delayed camera fetch
+
+  // The new phone's camera is fetched 3 s later, from where capture runs (USB by default).
+  EXPECT_TRUE(host.HasLog(2, "[phoneVideo] DelayGetPhoneCameraHandle"));
+  ASSERT_TRUE(Advance(2999));
+  EXPECT_EQ(Texts(usb).size(), 2u);
+  ASSERT_TRUE(Advance(1));
+  EXPECT_EQ(Texts(usb).back(), "{\"cmdType\":1011}\n");
 }
 
 }  // namespace

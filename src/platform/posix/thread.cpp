@@ -109,16 +109,6 @@ bool Thread::IsFinished() const {
 
 uint32_t Thread::Id() const { return m_id; }
 
-bool Thread::StartDetached(std::function<void()> body) {
-  try {
-    std::thread(std::move(body)).detach();
-  } catch (const std::system_error& e) {
-    SetLastSystemError(e.code().value());
-    return false;
-  }
-  return true;
-}
-
 uint32_t Thread::CurrentId() { return static_cast<uint32_t>(::syscall(SYS_gettid)); }
 
 }  // namespace lumo

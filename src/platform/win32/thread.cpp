@@ -77,13 +77,6 @@ bool Thread::IsFinished() const {
 
 uint32_t Thread::Id() const { return m_id; }
 
-bool Thread::StartDetached(std::function<void()> body) {
-  HANDLE h = Launch(std::move(body), nullptr);
-  if (h == nullptr) return false;
-  CloseHandle(h);
-  return true;
-}
-
 uint32_t Thread::CurrentId() { return GetCurrentThreadId(); }
 
 }  // namespace lumo
