@@ -1,60 +1,63 @@
 // The dispatcher that the fuzz targets drive: fresh collaborators, quiet host services (no
-// files, no log output), senders that only count, and no decoders, so that nothing heavy starts.
-// Built once per process and kept: state carried from one input to the next is realistic.
+// files, no log output), senders that only count, no decoders, and a simulated clock on which
+// the protocol's pauses cost no real time. Built once per process and kept between inputs
+// (state carried from one input to the next is realistic), except the delayed work, which each
+// input leaves behind it; torn down at exit, so that no library thread outlives the process's
+// last input.
 #pragma once
 
-#include <chrono>
+#include <atomic>
+#include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
-#include <thread>
+#include <functional>
+#include <mutex>
 #include <string>
 
 #include "host/PhoneCameraCtrl.h"
-#include "platform/clock.h"
 #include "media/AudioDataReviever.h"
 #include "media/H264DataReviever.h"
+#include "platform/clock.h"
 #include "protocol/PhoneDataParse.h"
+#include "support/ParserWorld.h"
 #include "support/QuietHost.h"
-
-namespace lumo {
-int DetachedProtocolThreads();
-int DelayedCameraFetchThreads();
-}  // namespace lumo
+#include "support/SimClock.h"
 
 namespace lumo::test {
 
-// The capture retry and the delayed camera fetch run detached and sleep for seconds on the real
-// clock. Left running at exit, one would wake into a clock already torn down; so exit waits for
-// them (at most the longest retry, 9 s).
-inline void WaitForDetachedThreads() {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-  while ((lumo::DetachedProtocolThreads() > 0 || lumo::DelayedCameraFetchThreads() > 0) &&
-         std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+// Simulated time in which a sleep moves the clock on at once instead of waiting for someone
+// else to: a 200-ms pause costs nothing, and a timed wait on another thread (the delayed work,
+// the heartbeat timer) ends once sleeps or Advance have carried the time past its deadline.
+class LeapingClock final : public Clock {
+ public:
+  uint32_t TickCount() override { return m_sim.TickCount(); }
+  uint64_t PerfCounterUs() override { return m_sim.PerfCounterUs(); }
+  uint64_t WallClock100ns() override { return m_sim.WallClock100ns(); }
+  void SleepUs(uint64_t us) override { m_sim.AdvanceUs(us); }
+  bool WaitFor(std::unique_lock<std::mutex>& lock, std::condition_variable& cv, uint64_t timeoutUs,
+               const std::function<bool()>& ready) override {
+    return m_sim.WaitFor(lock, cv, timeoutUs, ready);
   }
-}
+  void AdvanceMs(uint64_t ms) { m_sim.AdvanceMs(ms); }
 
-// Before anything else of the world exists: the clock is built first, so that it is torn down
-// only after the wait above has run.
-struct WaitAtExit {
-  WaitAtExit() {
-    lumo::RealClock();
-    std::atexit(WaitForDetachedThreads);
-  }
+ private:
+  SimClock m_sim;
 };
-
 
 class CountingSender : public IDataSender {
  public:
+  // The delayed work's thread sends too.
   bool SendData(const std::string& frame) override {
     bytes += frame.size();
     return true;
   }
-  size_t bytes = 0;
+  std::atomic<size_t> bytes{0};
 };
 
-struct FuzzWorld : WaitAtExit {
+struct FuzzWorld {
   FuzzWorld() {
+    SetClock(&clock);
     SetHostServices(&host);
     ctrl = new CPhoneCameraCtrl();
     video = new H264DataReviever(ctrl);
@@ -64,14 +67,48 @@ struct FuzzWorld : WaitAtExit {
     parser->SetDataSender(PHONE_DATA_SOURCE_USB, &usb);
     parser->SetDataSender(PHONE_DATA_SOURCE_WIFI, &wifi);
   }
+  // The parser first: it stops its delayed work; the camera control stops its heartbeat timer.
+  ~FuzzWorld() {
+    delete parser;
+    delete audio2;
+    delete audio1;
+    delete video;
+    delete ctrl;
+    SetHostServices(nullptr);
+    SetClock(nullptr);
+  }
+  FuzzWorld(const FuzzWorld&) = delete;
+  FuzzWorld& operator=(const FuzzWorld&) = delete;
+
+  // Lets time pass and waits until the delayed work that fell due has run, so that an input
+  // replays the same way every time.
+  void Advance(uint64_t ms) {
+    clock.AdvanceMs(ms);
+    if (!PhoneDataParseTestPeer(*parser).DelayedSettled()) std::abort();  // stuck: a finding
+  }
+  // After every input: a retry or camera fetch it scheduled must not run into the next one, and
+  // a stream of inputs must not pile work up.
+  void EndInput() { parser->CancelDelayedWork(); }
+
+  LeapingClock clock;
   QuietHost host;
   CountingSender usb, wifi;
-  // Never deleted: detached protocol threads may still use them while the process exits.
   CPhoneCameraCtrl* ctrl;
   H264DataReviever* video;
   AudioDataReviever* audio1;
   AudioDataReviever* audio2;
   PhoneDataParse* parser;
 };
+
+// The one world of a target's process, built by its first input and torn down at exit.
+template <class World>
+World& TheWorld() {
+  static World* world = [] {
+    auto* w = new World();
+    std::atexit([] { delete &TheWorld<World>(); });
+    return w;
+  }();
+  return *world;
+}
 
 }  // namespace lumo::test

@@ -4,7 +4,7 @@
 //   bit 1    start the clock just before it wraps
 //   bit 2    queue messages of our own first (bits 5-7: how many), so acknowledgements hit something
 //   bit 3    peek at each message before taking it
-//   bit 4    queue another message of our own after each datagram
+//   bit 4    queue another message of our own after each datagram (while few are in flight)
 // The rest is a sequence of records: a 2-byte big-endian word, whose low 12 bits are the length of
 // the datagram that follows and whose high 4 bits pick how far the clock moves after it. Messages
 // are taken into a bounded buffer; one that does not fit is discarded. Nothing may read past a
@@ -31,8 +31,14 @@ void Take(lumo::ikcpcb* kcp, bool peek) {
   }
 }
 
+// A few dozen segments of our own in flight give the peer's acknowledgements and window
+// something to hit; queueing more on every datagram only made each run slower (each segment is
+// an allocation, and every update and check walks them all).
+constexpr uint32_t kMaxOwnSegments = 32;
+
 void SendOwn(lumo::ikcpcb* kcp, int size) {
   static char payload[4 * lumo::kLumoKcpMss];
+  if (kcp->nsnd_que + kcp->nsnd_buf >= kMaxOwnSegments) return;
   lumo::ikcp_send(kcp, payload, size);
 }
 

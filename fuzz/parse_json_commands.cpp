@@ -1,29 +1,26 @@
 // Feeds the phone's JSON commands to the dispatcher as type-1 frames: every cmdType from 2000 to
 // 2017 with members that the handlers read (and others), each of any JSON type. The first byte
-// picks the data source, phone type, content type and audio record type, and whether the rest
-// of the input is read as a recipe for commands or appended to a command as raw JSON text.
+// picks the data source, phone type, content type and audio record type, whether time passes
+// between commands (bit 6: the byte before each command, in tenths of a second, so that capture
+// retries and late camera fetches fall due and run), and whether the rest of the input is read
+// as a recipe for commands or appended to a command as raw JSON text (bit 7). An input holds at
+// most kMaxCommands commands: a few reach any handler in any state (the world carries state from
+// one input to the next), and more would only make each run slower.
 // Nothing may crash, read past a frame or let an exception out.
 #include <json/json.h>
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
-#include <thread>
 
-#include "platform/clock.h"
 #include "protocol/PhoneDataParse.h"
 #include "FuzzWorld.h"
 
 namespace {
 
 using World = lumo::test::FuzzWorld;
-
-World& TheWorld() {
-  static World* world = new World();  // built once and kept: state carried between inputs is realistic
-  return *world;
-}
+constexpr int kMaxCommands = 4;
 
 // Reads the recipe; past the end it yields zeros, so every input is a valid recipe.
 class Recipe {
@@ -91,11 +88,7 @@ void Send(World& w, ePhoneDataSource source, ePhoneType type, const std::string&
   std::free(frame);
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  World& w = TheWorld();
-  if (size < 2) return 0;
+void RunInput(World& w, const uint8_t* data, size_t size) {
   uint8_t mode = data[0];
   ePhoneDataSource source = (mode & 1) ? PHONE_DATA_SOURCE_WIFI : PHONE_DATA_SOURCE_USB;
   ePhoneType phoneType = static_cast<ePhoneType>((mode >> 1) % 3);
@@ -110,9 +103,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       std::string rest(reinterpret_cast<const char*>(data) + 2, size - 2);
       Send(w, source, phoneType, "{\"cmdType\":" + std::to_string(cmdType) + "," + rest);
       Send(w, source, phoneType, rest);
-      return 0;
+      return;
     }
-    while (r.More()) {
+    for (int commands = 0; commands < kMaxCommands && r.More(); ++commands) {
+      if (mode & 0x40) w.Advance(100u * r.Next());
       Json::Value command(Json::objectValue);
       uint8_t head = r.Next();
       // Now and then the command number itself has the wrong type.
@@ -126,6 +120,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 #pragma GCC diagnostic pop
     }
   }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 2) return 0;
+  World& w = lumo::test::TheWorld<World>();
   // An exception out of ParsePhoneData ends the run through std::terminate: a finding.
+  RunInput(w, data, size);
+  w.EndInput();
   return 0;
 }

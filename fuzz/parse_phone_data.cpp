@@ -21,17 +21,12 @@ struct World : lumo::test::FuzzWorld {
   unsigned char aac[AudioDataReviever::kSlotSize];
 };
 
-World& TheWorld() {
-  // Built once: the receivers' pools are large, and state carried between inputs is realistic.
-  static World* world = new World();
-  return *world;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  World& w = TheWorld();
   if (size < 1) return 0;
+  // Built once: the receivers' pools are large, and state carried between inputs is realistic.
+  World& w = lumo::test::TheWorld<World>();
   uint8_t mode = data[0];
   ePhoneDataSource source = (mode & 1) ? PHONE_DATA_SOURCE_WIFI : PHONE_DATA_SOURCE_USB;
   w.parser->SetAudioRecordType((mode & 2) ? 1 : 0);
@@ -62,5 +57,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     w.video->OnStopCapture();
     w.parser->SendPing(source);
   }
+  w.EndInput();
   return 0;
 }
