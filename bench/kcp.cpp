@@ -1,12 +1,21 @@
-// The WiFi transport under loss: the simulated phone's KCP sender, the impairment proxy and the
-// library's KCP-over-UDP endpoint, all on loopback in one process.
+// The WiFi transport under loss, two ways.
 //
-//  sustained  1080p30 video-sized messages (a 120 KB key frame every 30, 30 KB otherwise:
-//             about 8.2 Mbit/s) paced at 30 per second for `seconds`; one-way message latency
-//             (sender's Send to the endpoint's handler) p50/p99, and whether the rate held.
-//  saturated  the same messages sent as fast as the sender's window lets: MB/s delivered.
-//  cpu        process CPU seconds per MB delivered, over both runs.
+//  link       KCP alone: two control blocks with this system's settings joined by an in-memory
+//             link (loss each way, 20 ms each way) on a simulated millisecond clock, one thread,
+//             the sustained message pattern below for 120 simulated seconds. CPU per MB delivered
+//             (process CPU time, user + sys) beside a bare memcpy of the same bytes, and one-way
+//             message latency p50/p99 in simulated ms. The link is deterministic, so latency
+//             figures from two builds differ only if KCP's behaviour does. Median of 5 runs.
+//  loopback   the simulated phone's KCP sender, the impairment proxy and the library's
+//             KCP-over-UDP endpoint, all on loopback in one process:
+//    sustained  1080p30 video-sized messages (a 120 KB key frame every 30, 30 KB otherwise:
+//               about 8.2 Mbit/s) paced at 30 per second for `seconds`; one-way message latency
+//               (sender's Send to the endpoint's handler) p50/p99, and whether the rate held.
+//    saturated  the same messages sent as fast as the sender's window lets: MB/s delivered.
+//    cpu        process CPU seconds per MB delivered, over both runs (every thread: phone, proxy,
+//               receive and update threads).
 // Loss 0, 10 and 30% in both directions, 20 ms added delay in each direction.
+// Arguments: --quick (shorter runs), --link (the in-memory link alone).
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -25,6 +34,7 @@
 #include "platform/clock.h"
 #include "support/QuietHost.h"
 #include "wifi/KcpOnUdp.h"
+#include "wifi/ikcp.h"
 
 namespace {
 
@@ -60,6 +70,150 @@ std::string Message(size_t size) {
   std::memcpy(&m[4], &now, 8);
   return m;
 }
+
+// ---- link: KCP alone on a simulated clock ----
+
+struct LinkDatagram {
+  uint32_t due;
+  int to;
+  uint32_t len;
+  char bytes[(lumo::kLumoKcpMtu + lumo::IKCP_OVERHEAD) * 3];
+};
+
+// Two control blocks and the datagrams between them, delivered 20 ms after they were sent unless
+// the seeded draw drops them.
+class SimLink {
+ public:
+  SimLink(double loss, std::vector<LinkDatagram>& ring) : m_loss(loss), m_ring(ring) {
+    for (int i = 0; i < 2; ++i) {
+      m_ends[i] = End{this, i};
+      kcp[i] = lumo::CreateLumoKcp(&m_ends[i], lumo::kLumoKcpMode);
+      lumo::ikcp_setoutput(kcp[i], &SimLink::Output);
+    }
+  }
+  ~SimLink() {
+    lumo::ikcp_release(kcp[0]);
+    lumo::ikcp_release(kcp[1]);
+  }
+  void Deliver() {
+    while (m_count > 0 && static_cast<int32_t>(now - m_ring[m_head].due) >= 0) {
+      const LinkDatagram& d = m_ring[m_head];
+      lumo::ikcp_input(kcp[d.to], d.bytes, static_cast<long>(d.len));
+      m_head = (m_head + 1) % m_ring.size();
+      --m_count;
+    }
+  }
+  lumo::ikcpcb* kcp[2];
+  uint32_t now = 1000;
+
+ private:
+  struct End {
+    SimLink* link;
+    int index;
+  };
+  double Draw() {  // xorshift: cheap next to the KCP work being measured
+    m_rng ^= m_rng << 13;
+    m_rng ^= m_rng >> 7;
+    m_rng ^= m_rng << 17;
+    return static_cast<double>(m_rng >> 11) * (1.0 / 9007199254740992.0);
+  }
+  static int Output(const char* buf, int len, lumo::ikcpcb*, void* user) {
+    auto* end = static_cast<End*>(user);
+    SimLink* link = end->link;
+    if (link->Draw() < link->m_loss || link->m_count == link->m_ring.size()) return len;
+    LinkDatagram& d = link->m_ring[(link->m_head + link->m_count++) % link->m_ring.size()];
+    d.due = link->now + 20;
+    d.to = 1 - end->index;
+    d.len = static_cast<uint32_t>(std::min<size_t>(static_cast<size_t>(len), sizeof(d.bytes)));
+    std::memcpy(d.bytes, buf, d.len);
+    return len;
+  }
+  End m_ends[2];
+  double m_loss;
+  uint64_t m_rng = 0x9E3779B97F4A7C15ull;
+  std::vector<LinkDatagram>& m_ring;
+  size_t m_head = 0, m_count = 0;
+};
+
+struct LinkResult {
+  double cpuMsPerMb = 0, memcpyMsPerMb = 0, p50 = 0, p99 = 0, mb = 0;
+  size_t delivered = 0, sent = 0;
+};
+
+LinkResult RunLink(double loss, uint32_t seconds) {
+  static std::vector<LinkDatagram> ring(1024);  // allocated and touched once, outside the timing
+  SimLink link(loss, ring);
+  std::vector<char> buffer(KcpOnUdp::kMessageBufferSize);
+  std::vector<double> latencies;
+  std::vector<size_t> sizes;
+  std::string message;
+  LinkResult r;
+  uint64_t bytes = 0;
+  const uint32_t start = link.now, end = start + seconds * 1000;
+  uint32_t nextSend = start;
+  const std::clock_t cpu0 = std::clock();
+  for (;;) {
+    ++link.now;
+    if (static_cast<int32_t>(link.now - end) < 0 && static_cast<int32_t>(link.now - nextSend) >= 0) {
+      const size_t size = r.sent % 30 == 0 ? 120000 : 30000;
+      message.assign(size, '\x5a');
+      std::memcpy(&message[4], &link.now, 4);
+      lumo::ikcp_send(link.kcp[0], message.data(), static_cast<int>(size));
+      ++r.sent;
+      nextSend = start + static_cast<uint32_t>(r.sent * 1000 / 30);
+    }
+    link.Deliver();
+    for (int n; (n = lumo::ikcp_recv(link.kcp[1], buffer.data(), static_cast<int>(buffer.size()))) > 0;) {
+      uint32_t sentAt = 0;
+      std::memcpy(&sentAt, buffer.data() + 4, 4);
+      latencies.push_back(static_cast<double>(link.now - sentAt));
+      sizes.push_back(static_cast<size_t>(n));
+      bytes += static_cast<uint64_t>(n);
+    }
+    lumo::ikcp_update(link.kcp[0], link.now);
+    lumo::ikcp_update(link.kcp[1], link.now);
+    const int32_t past = static_cast<int32_t>(link.now - end);
+    if ((past >= 0 && latencies.size() >= r.sent) || past > 60000) break;
+  }
+  const double cpu = static_cast<double>(std::clock() - cpu0) / CLOCKS_PER_SEC;
+
+  // The same bytes, message by message, with a bare memcpy into the same receive buffer.
+  std::string source(120000, '\x5a');
+  const std::clock_t copy0 = std::clock();
+  for (size_t size : sizes) std::memcpy(buffer.data(), source.data(), size);
+  volatile char sink = buffer[static_cast<size_t>(bytes % 1000)];
+  (void)sink;
+  const double copied = static_cast<double>(std::clock() - copy0) / CLOCKS_PER_SEC;
+
+  r.mb = static_cast<double>(bytes) / 1e6;
+  r.delivered = latencies.size();
+  r.cpuMsPerMb = r.mb > 0 ? cpu * 1000 / r.mb : 0;
+  r.memcpyMsPerMb = r.mb > 0 ? copied * 1000 / r.mb : 0;
+  r.p50 = Percentile(latencies, 0.50);
+  r.p99 = Percentile(latencies, 0.99);
+  return r;
+}
+
+void LinkFigures(bool quick) {
+  const int runs = quick ? 3 : 5;
+  for (double loss : {0.0, 0.1, 0.3}) {
+    std::vector<double> cpu, copy;
+    LinkResult last;
+    for (int i = 0; i < runs; ++i) {
+      last = RunLink(loss, quick ? 30 : 120);
+      cpu.push_back(last.cpuMsPerMb);
+      copy.push_back(last.memcpyMsPerMb);
+    }
+    const double cpuMedian = Percentile(cpu, 0.5), copyMedian = Percentile(copy, 0.5);
+    std::printf("kcp link loss %2.0f%% +20 ms each way | %.1f MB, %zu/%zu messages, latency p50 %.0f ms p99 %.0f ms | "
+                "cpu %.3f ms/MB (median of %d, min %.3f) | memcpy %.4f ms/MB | kcp/memcpy %.0fx\n",
+                loss * 100, last.mb, last.delivered, last.sent, last.p50, last.p99, cpuMedian, runs,
+                *std::min_element(cpu.begin(), cpu.end()), copyMedian, copyMedian > 0 ? cpuMedian / copyMedian : 0.0);
+    std::fflush(stdout);
+  }
+}
+
+// ---- loopback: the endpoint, the proxy and the simulated phone ----
 
 struct Result {
   double p50 = 0, p99 = 0, offeredMbit = 0, deliveredMbit = 0, mbPerSecond = 0, mb = 0;
@@ -131,7 +285,13 @@ Result Run(double loss, bool paced, double seconds, uint32_t seed) {
 int main(int argc, char** argv) {
   lumo::test::QuietHost host;
   lumo::SetHostServices(&host);
-  const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
+  bool quick = false, linkOnly = false;
+  for (int i = 1; i < argc; ++i) {
+    quick = quick || std::strcmp(argv[i], "--quick") == 0;
+    linkOnly = linkOnly || std::strcmp(argv[i], "--link") == 0;
+  }
+  LinkFigures(quick);
+  if (linkOnly) return 0;
   const double seconds = quick ? 2 : 10;
   for (double loss : {0.0, 0.1, 0.3}) {
     const std::clock_t cpu0 = std::clock();
@@ -139,11 +299,11 @@ int main(int argc, char** argv) {
     const Result saturated = Run(loss, false, quick ? 1 : 4, 12);
     const double cpu = static_cast<double>(std::clock() - cpu0) / CLOCKS_PER_SEC;
     std::printf("kcp loss %2.0f%% +20 ms each way | sustained: %.1f Mbit/s offered, %.1f delivered, %llu/%llu "
-                "messages, latency p50 %.1f ms p99 %.1f ms | saturated: %.2f MB/s (%llu/%llu) | cpu %.3f s/MB\n",
+                "messages, latency p50 %.1f ms p99 %.1f ms | saturated: %.2f MB/s (%llu/%llu) | cpu %.3f ms/MB\n",
                 loss * 100, sustained.offeredMbit, sustained.deliveredMbit,
                 static_cast<unsigned long long>(sustained.delivered), static_cast<unsigned long long>(sustained.sent),
                 sustained.p50, sustained.p99, saturated.mbPerSecond, static_cast<unsigned long long>(saturated.delivered),
-                static_cast<unsigned long long>(saturated.sent), cpu / std::max(0.001, sustained.mb + saturated.mb));
+                static_cast<unsigned long long>(saturated.sent), cpu * 1000 / std::max(0.001, sustained.mb + saturated.mb));
     std::fflush(stdout);
   }
   return 0;

@@ -36,21 +36,22 @@ KcpOnUdp::~KcpOnUdp() {
   Stop();
   StopReceivers();
   lumo::CloseSocket(m_socket);
-  if (m_kcp != nullptr) lumo::ikcp_release(m_kcp);
-  m_kcp = nullptr;
+  ReleaseKcp();
 }
 
 // Not a step of the system as it ran (its receivers lived as long as the process), but an
-// endpoint that can be destroyed must not leave a thread reading a closed socket.
+// endpoint that can be destroyed must not leave a thread reading a closed socket. Each receiver is
+// woken through what it waits on (the stop event, a quit completion per worker), then joined with
+// a logged bound.
 void KcpOnUdp::StopReceivers() {
   m_closing = true;
-  if (m_recvThread.HasThread()) {
-    m_netEvent.Stop();
-    m_recvThread.Join(lumo::Thread::kInfinite);
-  }
+  if (m_recvThread.IsRunning()) m_netEvent.Stop();
+  m_recvThread.Stop();
   if (!m_workerThreads.empty()) {
+    // One quit per worker: a worker that leaves on m_closing instead takes none, so every worker
+    // still waiting finds one.
     for (size_t i = 0; i < m_workerThreads.size(); ++i) m_iocp.PostQuit();
-    for (auto& worker : m_workerThreads) worker->Join(lumo::Thread::kInfinite);
+    for (auto& worker : m_workerThreads) worker->Stop();
     m_workerThreads.clear();
     m_iocp.Close();
   }
@@ -72,31 +73,31 @@ bool KcpOnUdp::StartListening(unsigned long bindAddr) {
   m_bindAddr = static_cast<uint32_t>(bindAddr);
   const lumo::Ipv4Endpoint at{NetworkToHost(m_bindAddr), kPort};
   if (m_eventMode) {
-    Log(2, "KcpOnUdp::StartListening, use async sock");
+    Log(LOG_INFO, "KcpOnUdp::StartListening, use async sock");
     if (!lumo::BindSocket(m_socket, at)) {
-      Log(4, "[wifi] bind IP failed, err %s", std::to_string(lumo::LastNetError()).c_str());
+      Log(LOG_ERROR, "[wifi] bind IP failed, err %s", std::to_string(lumo::LastNetError()).c_str());
       return false;
     }
     m_listenSocket = m_socket;
     if (!m_netEvent.Select(m_socket)) return false;
     if (!m_recvThread.Start([this] { EventReceiveProc(); })) {
-      Log(4, "[phoneVideoWifi] create udp received thread error, error code:%d", lumo::LastSystemError());
+      Log(LOG_ERROR, "[phoneVideoWifi] create udp received thread error, error code:%d", lumo::LastSystemError());
       return false;
     }
     return true;
   }
 
-  Log(2, "KcpOnUdp::StartListening, use IOCP sock");
-  if (!m_iocp.Create()) Log(4, "ERROR:Run IOCP is failure;ErrorCode:%d\n\n", lumo::LastSystemError());
+  Log(LOG_INFO, "KcpOnUdp::StartListening, use IOCP sock");
+  if (!m_iocp.Create()) Log(LOG_ERROR, "ERROR:Run IOCP is failure;ErrorCode:%d\n\n", lumo::LastSystemError());
   m_processorCount = std::max(1u, std::thread::hardware_concurrency());
   m_workerCount = 2 * m_processorCount + 2;
   const uint32_t wanted = m_workerCount;
   for (uint32_t i = 0; i < wanted; ++i) {
     m_recvContexts.push_back(std::make_unique<lumo::UdpReceiveContext>());
-    auto worker = std::make_unique<lumo::Thread>();
+    auto worker = std::make_unique<lumo::WorkerThread>("wifi completion worker " + std::to_string(i));
     const size_t index = m_recvContexts.size() - 1;
     if (!worker->Start([this, index] { CompletionWorkerProc(index); })) {
-      Log(4, "ERROR:Create thread failure;ErrorCode:%d\n\n", lumo::LastSystemError());
+      Log(LOG_ERROR, "ERROR:Create thread failure;ErrorCode:%d\n\n", lumo::LastSystemError());
       m_recvContexts.pop_back();
       --m_workerCount;
       continue;
@@ -104,13 +105,13 @@ bool KcpOnUdp::StartListening(unsigned long bindAddr) {
     m_workerThreads.push_back(std::move(worker));
   }
   m_socket = lumo::OpenUdpSocket();
-  if (m_socket == lumo::kInvalidSocket) Log(4, "ERROR:Run socket is failure;ErrorCode:%d\n\n", lumo::LastNetError());
-  if (!lumo::BindSocket(m_socket, at)) Log(4, "ERROR:socket bind info failur,Error Code:%d", lumo::LastNetError());
+  if (m_socket == lumo::kInvalidSocket) Log(LOG_ERROR, "ERROR:Run socket is failure;ErrorCode:%d\n\n", lumo::LastNetError());
+  if (!lumo::BindSocket(m_socket, at)) Log(LOG_ERROR, "ERROR:socket bind info failur,Error Code:%d", lumo::LastNetError());
   if (!m_iocp.Associate(m_socket, kCompletionKey))
-    Log(4, " ERROR:iocp bind socket failure; ErrorCode:%d\n\n", lumo::LastNetError());
+    Log(LOG_ERROR, " ERROR:iocp bind socket failure; ErrorCode:%d\n\n", lumo::LastNetError());
   for (auto& context : m_recvContexts) {
     int code = 0;
-    if (!m_iocp.PostReceive(*context, code)) Log(4, "ERROR:WSARecvFrom IO pending failure;ErrorCode:%d\n\n", code);
+    if (!m_iocp.PostReceive(*context, code)) Log(LOG_ERROR, "ERROR:WSARecvFrom IO pending failure;ErrorCode:%d\n\n", code);
   }
   return true;
 }
@@ -126,18 +127,14 @@ void KcpOnUdp::Intake(const unsigned char* data, size_t n, const lumo::Ipv4Endpo
     // dropped (KCP retransmits what mattered) rather than the queue growing without end.
     if (m_recvQueueBytes + n > kMaxQueuedReceiveBytes) {
       if (!lumo::Host().IsPrintTooFast(10000, "KcpOnUdp::Intake queue full"))
-        Log(3, "[wifi] receive queue full, datagram dropped:%d", static_cast<int>(n));
+        Log(LOG_BAD_DATA, "[wifi] receive queue full, datagram dropped:%d", static_cast<int>(n));
       return;
     }
     m_recvQueue.emplace_back(reinterpret_cast<const char*>(data), n);
     m_recvQueueBytes += n;
     m_lastRecvTime = ClockMs();
   }
-  {
-    std::lock_guard<std::mutex> guard(m_wakeLock);
-    m_bUpdateNow = true;
-  }
-  m_wake.notify_all();
+  WakeUpdate();
 }
 
 void KcpOnUdp::EventReceiveProc() {
@@ -157,7 +154,7 @@ void KcpOnUdp::EventReceiveProc() {
       if (kind == lumo::NetErrorKind::ConnectionReset || kind == lumo::NetErrorKind::ConnectionRefused ||
           kind == lumo::NetErrorKind::WouldBlock || kind == lumo::NetErrorKind::Interrupted || n == 0)
         continue;
-      Log(4, "[wifi] recvfrom() failed:%d", error);
+      Log(LOG_ERROR, "[wifi] recvfrom() failed:%d", error);
       break;
     }
     Intake(m_receiveBuffer.data(), static_cast<size_t>(n), from);
@@ -178,12 +175,12 @@ void KcpOnUdp::CompletionWorkerProc(size_t index) {
     const lumo::UdpCompletionPort::Result result = m_iocp.Wait(key, context, code);
     if (result == lumo::UdpCompletionPort::Result::Quit || result == lumo::UdpCompletionPort::Result::Closed) return;
     if (result == lumo::UdpCompletionPort::Result::Failed) {
-      Log(4, "ERROR:Get IOCP Queued Failure,ErrorCode:%d\n\n", code);
+      Log(LOG_ERROR, "ERROR:Get IOCP Queued Failure,ErrorCode:%d\n\n", code);
       if (context == nullptr) continue;
     } else if (key == kCompletionKey && context->bytes >= 1) {
       Intake(context->buffer, context->bytes, context->from);
     }
     if (m_closing) return;
-    if (!m_iocp.PostReceive(*context, code)) Log(4, "ERROR:WSARecvFrom failure;ErrorCode:%d\n\n", code);
+    if (!m_iocp.PostReceive(*context, code)) Log(LOG_ERROR, "ERROR:WSARecvFrom failure;ErrorCode:%d\n\n", code);
   }
 }

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "host/PhoneCameraTypes.h"
+#include "host/WorkerThread.h"
 #include "platform/socket.h"
 #include "platform/thread.h"
 #include "platform/udp_io.h"
@@ -38,6 +38,9 @@ class KcpOnUdp {
 
   // `bindAddr` in network byte order, as a host look-up stores it.
   bool StartListening(unsigned long bindAddr);
+  // Both may be called from the handler, on the update thread itself: there Stop ends the loop
+  // after the current step, and StartUpdate (after such a Stop, as Reset does) restarts the
+  // conversation at the next tick on the same thread instead of waiting for itself.
   bool StartUpdate();
   void Stop();
 
@@ -64,6 +67,10 @@ class KcpOnUdp {
   void UpdateProc();
   void UpdateStep();
   void StopReceivers();
+  void FreshConversation();
+  void ReleaseKcp();
+  void WakeUpdate();
+  bool OnUpdateThread() const { return m_updateThreadId != 0 && m_updateThreadId == lumo::Thread::CurrentId(); }
 
   IWiFiDataHandler* m_handler = nullptr;
   std::atomic<bool> m_bRunning{false};
@@ -74,16 +81,22 @@ class KcpOnUdp {
   int32_t m_timeoutMs = 5000;
   std::atomic<uint32_t> m_lastRecvTime{0};
   std::atomic<bool> m_bUpdateNow{false};
+  // Set by StartUpdate on the update thread: the next tick starts the conversation afresh.
+  std::atomic<bool> m_restartPending{false};
   bool m_bTimeoutArmed = false;
   std::recursive_mutex m_sendLock, m_recvLock, m_spareLock;
   std::deque<Buffer> m_sendQueue, m_recvQueue, m_spareQueue;
   size_t m_recvQueueBytes = 0;  // under m_recvLock
-  lumo::Thread m_updateThread;
+  lumo::WorkerThread m_updateThread{"wifi kcp update"};
+  // Recorded by the update thread itself as it starts: asking the thread object instead races
+  // with Start, which may still be filling it in when the thread's first step runs.
+  std::atomic<uint32_t> m_updateThreadId{0};
+  std::mutex m_lifeLock;  // orders StartUpdate and Stop from threads other than the update thread
 
   // Event-driven mode.
   lumo::SocketHandle m_listenSocket = lumo::kInvalidSocket;
   lumo::NetEventWaiter m_netEvent;
-  lumo::Thread m_recvThread;
+  lumo::WorkerThread m_recvThread{"wifi udp receive"};
   uint32_t m_bindAddr = 0;  // network byte order
 
   // Completion-port mode.
@@ -91,15 +104,13 @@ class KcpOnUdp {
   uint32_t m_workerCount = 0;
   uint32_t m_processorCount = 0;
   std::vector<std::unique_ptr<lumo::UdpReceiveContext>> m_recvContexts;
-  std::vector<std::unique_ptr<lumo::Thread>> m_workerThreads;
+  std::vector<std::unique_ptr<lumo::WorkerThread>> m_workerThreads;
 
   CPhoneCameraCtrl* m_ctrl;
   bool m_eventMode = true;
   bool m_netReady = false;
   std::atomic<bool> m_closing{false};
   mutable std::mutex m_peerLock;  // the peer address is written by receivers, read by the update thread
-  std::mutex m_wakeLock;
-  std::condition_variable m_wake;
   std::vector<char> m_messageBuffer;
   std::vector<unsigned char> m_receiveBuffer;
 };

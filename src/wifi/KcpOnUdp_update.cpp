@@ -7,11 +7,62 @@
 #include "wifi/KcpOnUdp.h"
 
 
+// Called on the update thread itself (the handler resetting the link), a join would wait for
+// this very thread, and releasing the KCP object would pull it from under the step that is still
+// using it. There the restart is only marked, and the loop carries it out at its next tick.
 bool KcpOnUdp::StartUpdate() {
-  if (m_bRunning) return true;
-  if (m_kcp != nullptr) lumo::ikcp_release(m_kcp);
+  if (OnUpdateThread()) {
+    if (!m_bRunning) {
+      m_restartPending = true;
+      m_bRunning = true;
+    }
+    return true;
+  }
+  std::lock_guard<std::mutex> life(m_lifeLock);
+  if (m_bRunning && m_updateThread.IsRunning()) return true;
+  // The old thread (one that stopped itself, or is still leaving) is joined before its KCP object
+  // goes: it may be inside a step that uses it.
+  m_updateThread.Stop();
+  m_restartPending = false;
+  FreshConversation();
+  // Set before the thread starts: a second StartUpdate must see it running, and the thread
+  // setting it itself could undo a Stop that came first.
+  m_bRunning = true;
+  if (!m_updateThread.Start([this] { UpdateProc(); })) {
+    Log(LOG_ERROR, "[phoneVideoWifi] create kcp update thread error, error code:%d", lumo::LastSystemError());
+    ReleaseKcp();
+    m_bRunning = false;
+    return false;
+  }
+  return true;
+}
+
+void KcpOnUdp::Stop() {
+  if (OnUpdateThread()) {
+    // From the handler (the time-out, a reset): the loop ends after this step, and the KCP object
+    // goes with the next StartUpdate from outside or the destructor.
+    m_bRunning = false;
+    m_restartPending = false;
+    m_bTimeoutArmed = false;
+    return;
+  }
+  std::lock_guard<std::mutex> life(m_lifeLock);
+  m_bRunning = false;
+  // Joined rather than terminated after 30 ms as it was: a thread killed inside the dispatcher
+  // would leave the parser's locks held, and on POSIX it could not be stopped at all. With it
+  // gone, the 30 ms pause before the release has nothing left to wait for.
+  m_updateThread.Stop();
+  m_restartPending = false;
+  ReleaseKcp();
+  m_bTimeoutArmed = false;
+}
+
+// A new KCP object and empty queues; only ever run where no other thread uses the KCP object
+// (the update thread joined, or on the update thread between two steps).
+void KcpOnUdp::FreshConversation() {
+  ReleaseKcp();
   m_kcp = lumo::CreateLumoKcp(this, m_kcpMode);
-  lumo::ikcp_setoutput(m_kcp, &KcpOnUdp::output);
+  if (m_kcp != nullptr) lumo::ikcp_setoutput(m_kcp, &KcpOnUdp::output);
   {
     std::lock_guard<std::recursive_mutex> guard(m_sendLock);
     m_sendQueue.clear();
@@ -20,73 +71,51 @@ bool KcpOnUdp::StartUpdate() {
     m_recvQueueBytes = 0;
   }
   m_lastRecvTime = ClockMs();
-  // A thread that ended by itself (stopped from its own time-out handler) is collected first.
-  m_updateThread.Join(lumo::Thread::kInfinite);
-  // The thread would set the flag itself; setting it first closes the window in which a second
-  // StartUpdate would see it clear and start another thread.
-  m_bRunning = true;
-  if (!m_updateThread.Start([this] { UpdateProc(); })) {
-    Log(4, "[phoneVideoWifi] create kcp update thread error, error code:%d", lumo::LastSystemError());
-    lumo::ikcp_release(m_kcp);
-    m_kcp = nullptr;
-    m_bRunning = false;
-    return false;
-  }
-  return true;
 }
 
-void KcpOnUdp::Stop() {
-  {
-    std::lock_guard<std::mutex> guard(m_wakeLock);
-    m_bRunning = false;
-  }
-  m_wake.notify_all();
-  // Called from the update thread itself (the time-out handler): the loop ends after this step,
-  // and the KCP object goes with the next StartUpdate or the destructor.
-  if (m_updateThread.HasThread() && m_updateThread.Id() == lumo::Thread::CurrentId()) {
-    m_bTimeoutArmed = false;
-    return;
-  }
-  // The thread is waited for rather than terminated after 30 ms as it was: one killed inside the
-  // dispatcher would leave the parser's locks held, and on POSIX it could not be stopped at all.
-  // With it gone, the 30 ms pause before the release has nothing left to wait for.
-  m_updateThread.Join(lumo::Thread::kInfinite);
-  if (m_kcp != nullptr) {
-    lumo::ikcp_release(m_kcp);
-    m_kcp = nullptr;
-  }
-  m_bTimeoutArmed = false;
+void KcpOnUdp::ReleaseKcp() {
+  if (m_kcp != nullptr) lumo::ikcp_release(m_kcp);
+  m_kcp = nullptr;
+}
+
+void KcpOnUdp::WakeUpdate() {
+  m_bUpdateNow = true;
+  m_updateThread.Wake();
 }
 
 void KcpOnUdp::QueueSend(const char* data, int len) {
   {
+    // One message per call, appended whole under the lock: frames from several threads never mix.
     std::lock_guard<std::recursive_mutex> guard(m_sendLock);
     m_sendQueue.emplace_back(data, static_cast<size_t>(len));
   }
-  {
-    std::lock_guard<std::mutex> guard(m_wakeLock);
-    m_bUpdateNow = true;
-  }
-  m_wake.notify_all();
+  WakeUpdate();
 }
 
 void KcpOnUdp::UpdateProc() {
-  Log(2, "[wifi] KCP_UpdateProc enter");
-  // m_bRunning was set by StartUpdate: setting it here could undo a Stop that came first.
-  while (m_bRunning) {
+  m_updateThreadId = lumo::Thread::CurrentId();
+  Log(LOG_INFO, "[wifi] KCP_UpdateProc enter");
+  while (m_bRunning && !m_updateThread.StopRequested()) {
+    if (m_restartPending.exchange(false)) FreshConversation();
     const uint64_t t0 = lumo::PerfCounterUs();
     UpdateStep();
-    // The rest of the 10 ms tick, cut short by new data in either direction.
-    std::unique_lock<std::mutex> lock(m_wakeLock);
-    const uint64_t now = lumo::PerfCounterUs();
-    if (!m_bUpdateNow && m_bRunning && now < t0 + 10000)
-      lumo::GetClock().WaitFor(lock, m_wake, t0 + 10000 - now, [this] { return m_bUpdateNow || !m_bRunning; });
+    // The rest of the 10 ms tick, cut short by new data in either direction or a restart.
+    for (;;) {
+      if (m_bUpdateNow || !m_bRunning || m_restartPending) break;
+      const uint64_t now = lumo::PerfCounterUs();
+      if (now >= t0 + 10000 || !m_updateThread.WaitUs(t0 + 10000 - now)) break;
+    }
   }
   m_bRunning = false;
-  Log(2, "[wifi] KCP_UpdateProc exit");
+  Log(LOG_INFO, "[wifi] KCP_UpdateProc exit");
+  m_updateThreadId = 0;
 }
 
 void KcpOnUdp::UpdateStep() {
+  if (m_kcp == nullptr) return;  // the system had no memory for it
+  // Taken here rather than cleared after the update: a datagram or message that comes in while
+  // this step runs sets it again, so the next step is not put off by a tick.
+  const bool urgent = m_bUpdateNow.exchange(false);
   {
     std::deque<Buffer> datagrams;
     {
@@ -107,7 +136,7 @@ void KcpOnUdp::UpdateStep() {
     if (static_cast<size_t>(size) > kMessageBufferSize) {
       // As built the message was copied past the buffer before this line was logged; here it is
       // logged and dropped whole, so the next message is delivered as usual.
-      Log(4, "[wifi] recieve data cross border:%d", size);
+      Log(LOG_ERROR, "[wifi] recieve data cross border:%d", size);
       lumo::ikcp_discard(m_kcp);
       continue;
     }
@@ -115,6 +144,9 @@ void KcpOnUdp::UpdateStep() {
     const int n = lumo::ikcp_recv(m_kcp, m_messageBuffer.data(), static_cast<int>(kMessageBufferSize));
     if (n < 1) break;
     if (m_handler != nullptr) m_handler->HandleReceive(m_messageBuffer.data(), n);
+    // The handler stopped or reset the link: this conversation is over, as it was when the thread
+    // ended itself at once; nothing more of it is delivered or sent.
+    if (!m_bRunning || m_restartPending) return;
   }
 
   {
@@ -125,17 +157,15 @@ void KcpOnUdp::UpdateStep() {
     }
     for (const Buffer& m : messages) {
       const int rc = lumo::ikcp_send(m_kcp, m.data(), static_cast<int>(m.size()));
-      if (rc < 0) Log(3, "[wifi] ikcp_send error, err code %d", rc);
+      if (rc < 0) Log(LOG_BAD_DATA, "[wifi] ikcp_send error, err code %d", rc);
     }
   }
 
   const uint32_t now = ClockMs();
   // An unsigned comparison without regard to the clock wrapping, as built.
-  if (m_bUpdateNow || now >= m_kcp->nextUpdate) {
+  if (urgent || now >= m_kcp->nextUpdate) {
     lumo::ikcp_update(m_kcp, now);
     m_kcp->nextUpdate = lumo::ikcp_check(m_kcp, now);
-    std::lock_guard<std::mutex> guard(m_wakeLock);
-    m_bUpdateNow = false;
   }
 
   const uint32_t last = m_lastRecvTime;
@@ -149,7 +179,7 @@ int KcpOnUdp::output(const char* buf, int len, lumo::ikcpcb*, void* user) {
   const lumo::Ipv4Endpoint to = self->PeerAddress();
   const int sent = lumo::SendToSocket(self->m_socket, buf, static_cast<size_t>(len), to);
   if (sent < 0) {
-    Log(4, "[wifi] sendto error, %s", lumo::NetErrorText(lumo::LastNetError()).c_str());
+    Log(LOG_ERROR, "[wifi] sendto error, %s", lumo::NetErrorText(lumo::LastNetError()).c_str());
     return -1;
   }
   return sent;

@@ -30,41 +30,55 @@ WifiConnectManager::WifiConnectManager(PhoneDataParse* parser, CPhoneCameraCtrl*
 
 WifiConnectManager::~WifiConnectManager() {
   // The endpoint's threads call back into this object: they end before it goes.
-  if (m_endpoint) m_endpoint->Stop();
-  m_endpoint.reset();
+  std::shared_ptr<KcpOnUdp> endpoint;
+  {
+    std::lock_guard<std::mutex> guard(m_endpointLock);
+    endpoint.swap(m_endpoint);
+  }
+  if (endpoint) endpoint->Stop();
+  endpoint.reset();
   m_parser->SetDataSender(PHONE_DATA_SOURCE_WIFI, nullptr);
 }
 
+std::shared_ptr<KcpOnUdp> WifiConnectManager::CurrentEndpoint() {
+  std::lock_guard<std::mutex> guard(m_endpointLock);
+  return m_endpoint;
+}
+
 void WifiConnectManager::Start() {
-  if (!m_endpoint) {
-    m_endpoint = std::make_shared<KcpOnUdp>(m_ctrl);
-    m_endpoint->StartListening(GetIPAddr());
-    m_endpoint->SetHandler(this);
+  std::shared_ptr<KcpOnUdp> endpoint = CurrentEndpoint();
+  if (!endpoint) {
+    endpoint = std::make_shared<KcpOnUdp>(m_ctrl);
+    endpoint->StartListening(GetIPAddr());
+    endpoint->SetHandler(this);
+    std::lock_guard<std::mutex> guard(m_endpointLock);
+    m_endpoint = endpoint;
   }
   m_bConnected = false;
-  m_endpoint->StartUpdate();
+  endpoint->StartUpdate();
   m_ctrl->SetConnectMode(2);
-  Log(2, "[phoneVideo] SetConnectMode:wifi");
+  Log(LOG_INFO, "[phoneVideo] SetConnectMode:wifi");
   m_video->SetWaitFirstIFrame(true);
 }
 
 // The common end of Stop and OnExit: the endpoint's update thread and KCP object go, the
 // socket stays for the next Start.
 void WifiConnectManager::StopLink(bool stopCapture) {
-  if (m_endpoint) {
+  if (std::shared_ptr<KcpOnUdp> endpoint = CurrentEndpoint()) {
     if (stopCapture) m_parser->StopCapture(PHONE_DATA_SOURCE_WIFI);
-    m_endpoint->Stop();
+    endpoint->Stop();
   }
   m_bConnected = false;
   m_ctrl->StopTimer();
   m_ctrl->SetConnectMode(0);
-  Log(2, "[wifi] Stop wifi connect, ");
+  Log(LOG_INFO, "[wifi] Stop wifi connect, ");
 }
 
 void WifiConnectManager::Stop(bool bSendMsg) { StopLink(bSendMsg); }
 
 void WifiConnectManager::OnExit() {
-  if (m_endpoint && m_endpoint->IsRunning()) StopLink(true);
+  std::shared_ptr<KcpOnUdp> endpoint = CurrentEndpoint();
+  if (endpoint && endpoint->IsRunning()) StopLink(true);
 }
 
 void WifiConnectManager::Reset(bool bSendMsg) {
@@ -72,10 +86,13 @@ void WifiConnectManager::Reset(bool bSendMsg) {
   Start();
 }
 
-bool WifiConnectManager::IsRunning() { return m_endpoint && m_endpoint->IsRunning() && m_bConnected; }
+bool WifiConnectManager::IsRunning() {
+  std::shared_ptr<KcpOnUdp> endpoint = CurrentEndpoint();
+  return endpoint && endpoint->IsRunning() && m_bConnected;
+}
 
 void WifiConnectManager::SetConnected(bool connected) {
-  Log(2, "[wifiUI] SetConnected, %d", connected ? 1 : 0);
+  Log(LOG_INFO, "[wifiUI] SetConnected, %d", connected ? 1 : 0);
   m_bConnected = connected;
 }
 
@@ -84,15 +101,20 @@ bool WifiConnectManager::SendData(const std::string& frame) {
 }
 
 bool WifiConnectManager::SendMsgToPhone(const char* data, int len) {
-  if (!m_endpoint) {
-    Log(4, "[wifi] SendMsgToPhone, kcp instance is empty");
+  // A copy of the pointer: the endpoint stays alive while this frame is queued even if the
+  // manager is going away on another thread.
+  const std::shared_ptr<KcpOnUdp> endpoint = CurrentEndpoint();
+  if (!endpoint) {
+    Log(LOG_ERROR, "[wifi] SendMsgToPhone, kcp instance is empty");
     return false;
   }
   if (data == nullptr || len < 1) {
-    Log(4, "[wifi] SendMsgToPhone, size error");
+    Log(LOG_ERROR, "[wifi] SendMsgToPhone, size error");
     return false;
   }
-  m_endpoint->QueueSend(data, len);
+  // The whole frame is copied into the send queue as one message under the endpoint's send-queue
+  // lock, so callers on several threads never interleave their frames.
+  endpoint->QueueSend(data, len);
   return true;
 }
 
@@ -109,13 +131,13 @@ void WifiConnectManager::HandleReceive(const char* data, int len) {
                                       static_cast<uint32_t>(bytes[2]) << 8 | bytes[3]
                                 : 0;
   if (len < 4 || static_cast<uint64_t>(tag) + 4 != static_cast<uint64_t>(len)) {
-    Log(4, "[wifi] recieve data size not fit tag:%d, recieve:%d", static_cast<int>(tag), len);
+    Log(LOG_ERROR, "[wifi] recieve data size not fit tag:%d, recieve:%d", static_cast<int>(tag), len);
     return;
   }
   const uint64_t index = m_messageIndex++;
   if (index % 100 == 0) {
     ++m_messageIndex;
-    Log(2, "[wifi] HandleReceive, composite data ok, size is %u, index:%I64u", static_cast<unsigned>(len), index + 1);
+    Log(LOG_INFO, "[wifi] HandleReceive, composite data ok, size is %u, index:%I64u", static_cast<unsigned>(len), index + 1);
   }
   // The endpoint's message buffer is ours to hand over; the dispatcher takes a mutable pointer.
   m_parser->ParsePhoneData(PHONE_DATA_SOURCE_WIFI, reinterpret_cast<signed char*>(const_cast<char*>(data + 4)), tag,
@@ -123,8 +145,8 @@ void WifiConnectManager::HandleReceive(const char* data, int len) {
 }
 
 void WifiConnectManager::HandleTimeout() {
-  if (m_endpoint) m_endpoint->Stop();
-  Log(3, "[wifi] timeout");
+  if (std::shared_ptr<KcpOnUdp> endpoint = CurrentEndpoint()) endpoint->Stop();
+  Log(LOG_BAD_DATA, "[wifi] timeout");
 }
 
 void WifiConnectManager::NotifyLiveState(unsigned int state, const std::string& roomid, const std::string& lumoId,
@@ -136,7 +158,7 @@ void WifiConnectManager::NotifyLiveState(unsigned int state, const std::string& 
 unsigned long WifiConnectManager::GetIPAddr() {
   uint32_t address = 0;
   if (!lumo::ResolveHostIpv4("0.0.0.0", address)) {
-    Log(4, "[wifi] gethostbyname error");
+    Log(LOG_ERROR, "[wifi] gethostbyname error");
     return 0;
   }
   // Network byte order, as a host look-up stores it.

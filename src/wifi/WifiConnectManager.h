@@ -3,8 +3,10 @@
 // to the dispatcher with the WiFi source.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "platform/export.h"
@@ -33,6 +35,8 @@ class LUMO_API WifiConnectManager : public IWiFiDataHandler, public IDataSender 
   void Reset(bool bSendMsg);
   bool IsRunning();
   void SetConnected(bool connected);
+  // Safe from several threads at once: each frame is queued whole as one KCP message, so frames
+  // never interleave and each thread's frames keep their order.
   bool SendData(const std::string& frame) override;
   void HandleReceive(const char* data, int len) override;
   void HandleTimeout() override;
@@ -40,15 +44,19 @@ class LUMO_API WifiConnectManager : public IWiFiDataHandler, public IDataSender 
                        const std::string& channelId);
 
   // The endpoint, for tests (null before the first Start).
-  KcpOnUdp* Endpoint() { return m_endpoint.get(); }
+  KcpOnUdp* Endpoint() { return CurrentEndpoint().get(); }
 
  private:
   bool SendMsgToPhone(const char* data, int len);
   unsigned long GetIPAddr();
   void StopLink(bool stopCapture);
+  std::shared_ptr<KcpOnUdp> CurrentEndpoint();
 
   std::shared_ptr<KcpOnUdp> m_endpoint;
-  bool m_bConnected = false;
+  std::atomic<bool> m_bConnected{false};
+  // Guards the m_endpoint pointer only (set by the first Start, read by senders on any thread);
+  // never held while the endpoint works.
+  std::mutex m_endpointLock;
 
   PhoneDataParse* m_parser;
   CPhoneCameraCtrl* m_ctrl;

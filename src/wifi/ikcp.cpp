@@ -39,24 +39,40 @@ void UpdateAck(ikcpcb* kcp, int32_t rtt) {
   kcp->rx_rto = static_cast<int32_t>(std::min<int64_t>(std::max<int64_t>(kcp->rx_minrto, rto), IKCP_RTO_MAX));
 }
 
+// Drops acknowledged segments from the front of the send buffer, so that its front is always
+// the oldest segment still in flight.
+void PopAcked(ikcpcb* kcp) {
+  while (!kcp->snd_buf.empty() && kcp->snd_buf.front().acked) kcp->snd_buf.pop_front();
+}
+
 // Everything below una has arrived: drop it from the send buffer.
 void ParseUna(ikcpcb* kcp, uint32_t una) {
   while (!kcp->snd_buf.empty() && Diff(una, kcp->snd_buf.front().sn) > 0) {
+    IKCPSEG& seg = kcp->snd_buf.front();
+    if (!seg.acked) {
+      Recycle(kcp, seg);
+      kcp->nsnd_buf--;
+    }
     kcp->snd_buf.pop_front();
-    kcp->nsnd_buf--;
   }
+  PopAcked(kcp);
 }
 
+// A segment acknowledged on its own is marked, not erased: erasing from the middle of the deque
+// moved every segment before it, the largest CPU cost under loss. Marked segments count as gone
+// everywhere (nsnd_buf, flush, check, fast acks) and leave once they reach the front.
 void ParseAck(ikcpcb* kcp, uint32_t sn) {
-  if (Diff(sn, kcp->snd_una) < 0 || Diff(sn, kcp->snd_nxt) >= 0) return;
-  for (auto it = kcp->snd_buf.begin(); it != kcp->snd_buf.end(); ++it) {
-    if (it->sn == sn) {
-      kcp->snd_buf.erase(it);
-      kcp->nsnd_buf--;
-      return;
-    }
-    if (Diff(sn, it->sn) < 0) return;
-  }
+  if (Diff(sn, kcp->snd_una) < 0 || Diff(sn, kcp->snd_nxt) >= 0 || kcp->snd_buf.empty()) return;
+  // The buffer holds every sn from its front up to snd_nxt - 1, in order: sn finds its own slot.
+  const uint32_t at = sn - kcp->snd_buf.front().sn;
+  if (at >= kcp->snd_buf.size()) return;
+  IKCPSEG& seg = kcp->snd_buf[at];
+  if (seg.sn != sn || seg.acked) return;
+  Recycle(kcp, seg);
+  seg.data = std::vector<char>();
+  seg.acked = true;
+  kcp->nsnd_buf--;
+  PopAcked(kcp);
 }
 
 // The peer acknowledged maxack: every segment sent before it that is still unacknowledged was
@@ -65,7 +81,7 @@ void ParseFastack(ikcpcb* kcp, uint32_t maxack) {
   if (Diff(maxack, kcp->snd_una) < 0 || Diff(maxack, kcp->snd_nxt) >= 0) return;
   for (auto& seg : kcp->snd_buf) {
     if (Diff(maxack, seg.sn) < 0) break;
-    if (seg.sn != maxack) seg.fastack++;
+    if (seg.sn != maxack && !seg.acked) seg.fastack++;
   }
 }
 
@@ -101,13 +117,25 @@ void MoveReady(ikcpcb* kcp) {
 void ParseData(ikcpcb* kcp, IKCPSEG&& seg) {
   uint32_t sn = seg.sn;
   if (Diff(sn, kcp->rcv_nxt + kcp->rcv_wnd) >= 0 || Diff(sn, kcp->rcv_nxt) < 0) return;
-  // Most segments arrive in order: search from the back.
+  // The usual case, the next segment with nothing held back: straight to the receive queue, as
+  // the buffer would pass it on at once.
+  if (sn == kcp->rcv_nxt && kcp->rcv_buf.empty() && kcp->nrcv_que < kcp->rcv_wnd) {
+    kcp->rcv_bytes += seg.len;
+    kcp->rcv_queue.push_back(std::move(seg));
+    kcp->nrcv_que++;
+    kcp->rcv_nxt++;
+    return;
+  }
+  // Most segments arrive in order and go to the back; a retransmission that fills a hole is
+  // found by bisection (the buffer is ordered by sn).
   auto at = kcp->rcv_buf.end();
-  while (at != kcp->rcv_buf.begin()) {
-    auto before = std::prev(at);
-    if (before->sn == sn) return;  // a copy we already hold
-    if (Diff(sn, before->sn) > 0) break;
-    at = before;
+  if (!kcp->rcv_buf.empty() && Diff(sn, kcp->rcv_buf.back().sn) <= 0) {
+    at = std::lower_bound(kcp->rcv_buf.begin(), kcp->rcv_buf.end(), sn,
+                          [](const IKCPSEG& held, uint32_t wanted) { return Diff(held.sn, wanted) < 0; });
+    if (at != kcp->rcv_buf.end() && at->sn == sn) {  // a copy we already hold
+      Recycle(kcp, seg);
+      return;
+    }
   }
   kcp->rcv_bytes += seg.len;
   kcp->rcv_buf.insert(at, std::move(seg));
@@ -133,6 +161,7 @@ int TakeMessage(ikcpcb* kcp, char* out, bool keep) {
       total += seg.len;
       last = seg.frg == 0;
       kcp->rcv_bytes -= seg.len;
+      Recycle(kcp, seg);
       kcp->rcv_queue.pop_front();
       kcp->nrcv_que--;
     }
@@ -208,7 +237,8 @@ int ikcp_input(ikcpcb* kcp, const char* data, long size) {
         if (!fresh || static_cast<uint64_t>(kcp->rcv_bytes) + len <= kLumoKcpMaxHeldBytes) {
           AckPush(kcp, sn, seg.ts);
           if (fresh) {
-            seg.data.assign(p, p + len);
+            // Through char pointers: from unsigned char iterators the copy was a byte loop.
+            FillData(kcp, seg, reinterpret_cast<const char*>(p), len);
             ParseData(kcp, std::move(seg));
           }
         }
@@ -296,8 +326,7 @@ int ikcp_send(ikcpcb* kcp, const char* buffer, int len) {
   for (uint64_t i = 0; i < count; ++i) {
     uint32_t size = std::min<uint32_t>(static_cast<uint32_t>(len), mss);
     IKCPSEG seg;
-    seg.data.assign(size, 0);
-    if (buffer && size) std::memcpy(seg.data.data(), buffer, size);
+    FillData(kcp, seg, buffer, size);
     seg.len = size;
     seg.frg = kcp->stream ? 0 : static_cast<uint32_t>(count - i - 1);
     kcp->snd_queue.push_back(std::move(seg));

@@ -10,9 +10,9 @@
 // bounded, see the constants below.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <list>
 #include <vector>
 
 namespace lumo {
@@ -56,6 +56,9 @@ constexpr int kLumoKcpMaxFragments = 256;
 // follows our MTU never comes near it (1,024 segments of 1,376 bytes); it only stops a peer that
 // sends jumbo segments from making us keep hundreds of megabytes.
 constexpr uint32_t kLumoKcpMaxHeldBytes = 16u * 1024u * 1024u;
+// Payload buffers kept for reuse per control block: a 120 KB key frame is 88 segments, so this
+// covers a few in flight at once, and it holds at most 256 * 1,376 bytes.
+constexpr size_t kLumoKcpSpareBuffers = 256;
 
 struct IKCPSEG {
   uint32_t conv = 0;
@@ -70,6 +73,7 @@ struct IKCPSEG {
   uint32_t rto = 0;
   uint32_t fastack = 0;
   uint32_t xmit = 0;
+  bool acked = false;      // in snd_buf: acknowledged out of order, waiting to reach the front
   std::vector<char> data;  // len bytes
 };
 
@@ -92,8 +96,11 @@ struct ikcpcb {
   uint32_t nextUpdate;  // endpoint clock time of the next update; the endpoint maintains it
   std::deque<IKCPSEG> snd_queue;
   std::deque<IKCPSEG> rcv_queue;
-  std::list<IKCPSEG> snd_buf;     // in flight, by sn
-  std::list<IKCPSEG> rcv_buf;     // arrived out of order, by sn
+  // Deques rather than lists: a list node was one more allocation per segment, and the
+  // insertions and removals away from the ends (out-of-order arrivals, single acknowledgements)
+  // are near the front, where a deque moves the fewest elements.
+  std::deque<IKCPSEG> snd_buf;    // in flight, by sn
+  std::deque<IKCPSEG> rcv_buf;    // arrived out of order, by sn
   std::vector<uint32_t> acklist;  // (sn, ts) pairs still to acknowledge
   uint32_t ackcount;              // pairs in acklist
   uint32_t ackblock;              // pairs acklist has room for
@@ -105,6 +112,9 @@ struct ikcpcb {
   IkcpOutput output;
   IkcpWriteLog writelog;
   uint32_t rcv_bytes;  // payload bytes in rcv_buf and rcv_queue, bounded by kLumoKcpMaxHeldBytes
+  // Payload buffers of segments that are gone, handed to the next segments so that a steady
+  // stream allocates nothing per segment (at most kLumoKcpSpareBuffers, none above the mss).
+  std::vector<std::vector<char>> spare;
 };
 
 // Returns null only when memory is exhausted.

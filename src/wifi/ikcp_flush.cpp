@@ -88,6 +88,7 @@ void ikcp_flush(ikcpcb* kcp) {
   uint32_t rtomin = kcp->nodelay == 0 ? static_cast<uint32_t>(kcp->rx_rto) >> 3 : 0;
   bool lost = false, change = false;
   for (auto& s : kcp->snd_buf) {
+    if (s.acked) continue;
     bool send = false;
     if (s.xmit == 0) {
       send = true;
@@ -163,6 +164,7 @@ uint32_t ikcp_check(const ikcpcb* kcp, uint32_t current) {
   if (Diff(current, ts_flush) >= 0) return current;
   uint32_t wait = static_cast<uint32_t>(Diff(ts_flush, current));
   for (const auto& seg : kcp->snd_buf) {
+    if (seg.acked) continue;
     int32_t due = Diff(seg.resendts, current);
     if (due <= 0) return current;
     wait = std::min(wait, static_cast<uint32_t>(due));

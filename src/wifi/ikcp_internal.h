@@ -2,7 +2,9 @@
 // flush/timer side). Not part of the interface.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <utility>
 
 #include "wifi/ikcp.h"
 
@@ -28,6 +30,25 @@ inline void EncodeHeader(char* p, const IKCPSEG& s) {
   Put(p + 12, s.sn, 4);
   Put(p + 16, s.una, 4);
   Put(p + 20, s.len, 4);
+}
+
+// A segment's payload, in a buffer of a segment that is gone when there is one.
+inline void FillData(ikcpcb* kcp, IKCPSEG& seg, const char* bytes, size_t n) {
+  if (!kcp->spare.empty()) {
+    seg.data = std::move(kcp->spare.back());
+    kcp->spare.pop_back();
+  }
+  if (bytes != nullptr)
+    seg.data.assign(bytes, bytes + n);
+  else
+    seg.data.assign(n, 0);
+}
+
+// Keeps the payload buffer of a segment that is done with. Larger ones (a peer's jumbo segments)
+// are let go, so the spares never hold more than their count times the mss.
+inline void Recycle(ikcpcb* kcp, IKCPSEG& seg) {
+  if (seg.data.capacity() == 0 || seg.data.capacity() > kcp->mss || kcp->spare.size() >= kLumoKcpSpareBuffers) return;
+  kcp->spare.push_back(std::move(seg.data));
 }
 
 inline uint32_t WndUnused(const ikcpcb* kcp) { return kcp->nrcv_que < kcp->rcv_wnd ? kcp->rcv_wnd - kcp->nrcv_que : 0; }

@@ -355,6 +355,51 @@ TEST(KcpTiming, FastResendAfterTenLaterAcknowledgementsBeforeTheTimeout) {
   EXPECT_EQ(again[0].ts, 1020u);
 }
 
+TEST(KcpTiming, SegmentsAcknowledgedOutOfOrderAreNeverSentAgain) {
+  Solo a;
+  for (int i = 0; i < 5; ++i) ikcp_send(a.kcp, "0123456789", 10);
+  ikcp_update(a.kcp, 1000);
+  ASSERT_EQ(a.Take(IKCP_CMD_PUSH).size(), 5u);
+  auto ack = [&a](uint32_t sn, uint32_t una) {
+    Segment s;
+    s.cmd = IKCP_CMD_ACK, s.sn = sn, s.ts = 1000, s.una = una;
+    EXPECT_EQ(a.Feed(Encode(s)), 0);
+  };
+  ack(3, 0);
+  ack(1, 0);
+  ack(3, 0);  // a repeat changes nothing
+  EXPECT_EQ(ikcp_waitsnd(a.kcp), 3);
+  EXPECT_EQ(a.kcp->snd_una, 0u);
+  ikcp_update(a.kcp, 1300);  // past the first time-out: only what is still unacknowledged
+  std::vector<uint32_t> again;
+  for (const auto& s : a.Take(IKCP_CMD_PUSH)) again.push_back(s.sn);
+  EXPECT_EQ(again, (std::vector<uint32_t>{0, 2, 4}));
+  ack(0, 0);  // the oldest goes, and with it the acknowledged one behind it
+  EXPECT_EQ(a.kcp->snd_una, 2u);
+  EXPECT_EQ(ikcp_waitsnd(a.kcp), 2);
+  ack(4, 0);
+  ack(2, 0);
+  EXPECT_EQ(a.kcp->snd_una, 5u);
+  EXPECT_EQ(ikcp_waitsnd(a.kcp), 0);
+  EXPECT_EQ(ikcp_check(a.kcp, 1305), 1310u);  // the next flush: nothing left to time out
+}
+
+TEST(KcpInput, BuffersKeptForReuseAreBoundedInCountAndSize) {
+  Solo b;
+  Segment jumbo;
+  jumbo.data.assign(60000, 'j');
+  Segment small = jumbo;
+  small.data = std::string(kLumoKcpMss, 's');
+  for (uint32_t sn = 0; sn < 600; ++sn) {
+    Segment& s = sn % 2 ? small : jumbo;
+    s.sn = sn;
+    ASSERT_EQ(b.Feed(Encode(s)), 0);
+    EXPECT_EQ(b.Recv(), s.data);
+  }
+  EXPECT_LE(b.kcp->spare.size(), kLumoKcpSpareBuffers);
+  for (const auto& buffer : b.kcp->spare) EXPECT_LE(buffer.capacity(), static_cast<size_t>(kLumoKcpMss));
+}
+
 TEST(KcpTiming, AClosedWindowIsProbedAfterTheWaitAndSendingResumesOnItsAnnouncement) {
   Solo a;
   ikcp_send(a.kcp, "a", 1);

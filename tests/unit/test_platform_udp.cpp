@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -25,6 +26,32 @@ using lumo::UdpReceiveContext;
 
 constexpr uint32_t kJoinMs = 5000;
 constexpr auto kGuard = std::chrono::seconds(10);  // only ever reached when something hangs
+
+// A test's helper thread that is joined on every way out of the test, a failed ASSERT included.
+// While it has not ended, `unblock` is repeated (a thread may be blocked more than once on its
+// way out), so the join cannot hang and the binary is never aborted.
+class GuardedThread {
+ public:
+  explicit GuardedThread(std::function<void()> unblock) : m_unblock(std::move(unblock)) {}
+  ~GuardedThread() {
+    if (!m_thread.HasThread()) return;
+    while (!m_thread.WaitFinished(50)) m_unblock();
+    m_thread.Join(lumo::Thread::kInfinite);
+  }
+  GuardedThread(const GuardedThread&) = delete;
+  GuardedThread& operator=(const GuardedThread&) = delete;
+  bool Start(std::function<void()> body) { return m_thread.Start(std::move(body)); }
+  // True when the thread ended within the bound; it is joined then, and left for the destructor
+  // otherwise (a timed-out Join would give it up while it still uses the test's objects).
+  bool Finish() {
+    if (!m_thread.WaitFinished(kJoinMs)) return false;
+    return m_thread.Join(lumo::Thread::kInfinite);
+  }
+
+ private:
+  std::function<void()> m_unblock;
+  lumo::Thread m_thread;
+};
 
 struct BoundUdp {
   BoundUdp() {
@@ -90,7 +117,7 @@ TEST(NetEventWaiterTest, StopWakesABlockedWaitOnceAndResetsItself) {
   std::promise<NetEventWaiter::Wake> first;
   std::promise<NetEventWaiter::Wake> second;
   auto firstDone = first.get_future();
-  lumo::Thread waiting;
+  GuardedThread waiting([&waiter] { waiter.Stop(); });
   ASSERT_TRUE(waiting.Start([&] {
     int code = 0;
     first.set_value(waiter.Wait(code));
@@ -104,7 +131,7 @@ TEST(NetEventWaiterTest, StopWakesABlockedWaitOnceAndResetsItself) {
   auto secondDone = second.get_future();
   ASSERT_EQ(secondDone.wait_for(kGuard), std::future_status::ready);
   EXPECT_EQ(secondDone.get(), NetEventWaiter::Wake::Readable);
-  EXPECT_TRUE(waiting.Join(kJoinMs));
+  EXPECT_TRUE(waiting.Finish());
 
   // Two stops before anyone waits are one signal, as with an auto-reset event.
   char buf[4];
@@ -177,8 +204,14 @@ class PortPool {
     EXPECT_TRUE(port.Associate(socket, kKey));
   }
   ~PortPool() {
+    Abandon();
     port.Close();
-    for (auto& w : workers) w->Join(kJoinMs);
+    // Close ends every worker's wait; a worker given up after a time-out would go on using this
+    // object after it is gone, so each is waited for (and one that is slow to end is reported).
+    for (auto& w : workers) {
+      EXPECT_TRUE(w->WaitFinished(kJoinMs)) << "a worker outlived the port's close";
+      w->Join(lumo::Thread::kInfinite);
+    }
     // A posted receive stays pending on the socket after the port is gone, and Windows writes
     // its end into the context: the socket goes before the contexts do.
     lumo::CloseSocket(m_socket);
@@ -205,12 +238,26 @@ class PortPool {
   template <typename Ready>
   bool WaitUntil(Ready ready) {
     std::unique_lock<std::recursive_mutex> lock(mutex);
-    return cv.wait_for(lock, kGuard, [&] { return ready(); });
+    return cv.wait_for(lock, kGuard, [&] { return abandoned || ready(); }) && !abandoned;
   }
 
+  // Ends every WaitUntil at once: the test is leaving.
+  void Abandon() {
+    std::lock_guard<std::recursive_mutex> guard(mutex);
+    abandoned = true;
+    cv.notify_all();
+  }
+
+  // True when every worker ended within the bound; those are joined, the rest are left to the
+  // destructor, which closes the port first.
   bool JoinAll() {
     bool all = true;
-    for (auto& w : workers) all = w->Join(kJoinMs) && all;
+    for (auto& w : workers) {
+      if (!w->HasThread()) continue;
+      const bool finished = w->WaitFinished(kJoinMs);
+      if (finished) w->Join(lumo::Thread::kInfinite);
+      all = finished && all;
+    }
     return all;
   }
 
@@ -225,6 +272,7 @@ class PortPool {
   int quits = 0;
   int closes = 0;
   int badKeys = 0;
+  bool abandoned = false;
 
  private:
   SocketHandle& m_socket;
@@ -265,7 +313,7 @@ TEST(UdpCompletionPortTest, ThreeWorkersReceiveEveryDatagramOnceIntactWithItsSen
   pool.StartWorkers(3);
   constexpr uint32_t kCount = 200;
   constexpr uint32_t kWindow = 16;  // keeps the socket's receive buffer from overflowing
-  lumo::Thread sending;
+  GuardedThread sending([&pool] { pool.Abandon(); });
   ASSERT_TRUE(sending.Start([&] {
     for (uint32_t seq = 0; seq < kCount; ++seq) {
       if (!pool.WaitUntil([&] { return pool.received.size() + kWindow > seq; })) return;
@@ -274,7 +322,7 @@ TEST(UdpCompletionPortTest, ThreeWorkersReceiveEveryDatagramOnceIntactWithItsSen
     }
   }));
   ASSERT_TRUE(pool.WaitUntil([&] { return pool.received.size() >= kCount; }));
-  EXPECT_TRUE(sending.Join(kJoinMs));
+  EXPECT_TRUE(sending.Finish());
 
   std::lock_guard<std::recursive_mutex> guard(pool.mutex);
   std::set<uint32_t> seen;

@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host/PhoneCameraCtrl.h"
@@ -15,6 +18,7 @@
 #include "platform/socket.h"
 #include "protocol/PhoneDataParse.h"
 #include "support/FakeHost.h"
+#include "support/ScopedThread.h"
 #include "support/SimClock.h"
 #include "support/WifiLinkWorld.h"
 #include "wifi/KcpOnUdp.h"
@@ -76,6 +80,22 @@ class PhonePeer {
     }
     return false;
   }
+  // Reads datagrams without KCP until one acknowledges `sn` (real time, at most 5 s).
+  bool AwaitAck(uint32_t sn) {
+    std::vector<unsigned char> buffer(65536);
+    lumo::Ipv4Endpoint from;
+    auto get32 = [&buffer](size_t at) {
+      return static_cast<uint32_t>(buffer[at]) | static_cast<uint32_t>(buffer[at + 1]) << 8 |
+             static_cast<uint32_t>(buffer[at + 2]) << 16 | static_cast<uint32_t>(buffer[at + 3]) << 24;
+    };
+    for (int i = 0; i < 500; ++i) {
+      if (lumo::WaitReadable(m_socket, 10) != lumo::NetWait::Readable) continue;
+      const int n = lumo::RecvFromSocket(m_socket, buffer.data(), buffer.size(), from);
+      for (size_t at = 0; n > 0 && at + 24 <= static_cast<size_t>(n); at += 24 + get32(at + 20))
+        if (buffer[at + 4] == lumo::IKCP_CMD_ACK && get32(at + 12) == sn) return true;
+    }
+    return false;
+  }
   // Raw datagrams, for what a well-behaved KCP would never send.
   void SendRaw(const std::string& datagram) {
     lumo::SendToSocket(m_socket, datagram.data(), datagram.size(), {lumo::kIpv4Loopback, KcpOnUdp::kPort});
@@ -102,11 +122,20 @@ class RecordingHandler : public IWiFiDataHandler {
     std::lock_guard<std::mutex> guard(m_lock);
     return messages.size();
   }
-  std::vector<std::string> messages;
+  // Read under the lock: the update thread may still be appending.
+  std::string At(size_t i) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return i < messages.size() ? messages[i] : "<none>";
+  }
+  std::string Last() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return messages.empty() ? "<none>" : messages.back();
+  }
   std::atomic<int> timeouts{0};
 
  private:
   std::mutex m_lock;
+  std::vector<std::string> messages;
 };
 
 // Polls (real time) for the update thread to have delivered `count` messages.
@@ -159,8 +188,8 @@ TEST_P(KcpOnUdpTest, DeliversBothWaysAndAnswersTheLastPeer) {
     first.Send(big);
     ASSERT_TRUE(first.Pump(0, 50));
     ASSERT_TRUE(AwaitMessages(handler, 2));
-    EXPECT_EQ(handler.messages[0], "hello");
-    EXPECT_EQ(handler.messages[1], big);
+    EXPECT_EQ(handler.At(0), "hello");
+    EXPECT_EQ(handler.At(1), big);
     endpoint.QueueSend("reply", 5);
     ASSERT_TRUE(first.Pump(1));
     EXPECT_EQ(first.received[0], "reply");
@@ -193,11 +222,13 @@ TEST_P(KcpOnUdpTest, DropsAMessageBeyondItsBufferAndDeliversTheNext) {
     if (datagram.size() < 50000 && sn != 255) continue;
     phone.SendRaw(datagram);
     datagram.clear();
-    lumo::RealClock().SleepUs(3000);  // paced, so that the socket's receive buffer never overflows
+    // Paced by the endpoint's acknowledgements, so the socket's receive buffer never overflows
+    // however slowly the endpoint runs (a sanitizer build, a busy machine).
+    ASSERT_TRUE(phone.AwaitAck(sn)) << "sn " << sn;
   }
   phone.SendRaw(Segment(256, 0, "next"));
   ASSERT_TRUE(AwaitMessages(handler, 1));
-  EXPECT_EQ(handler.messages[0], "next");
+  EXPECT_EQ(handler.At(0), "next");
   EXPECT_TRUE(host.HasLog(4, "[wifi] recieve data cross border:640000"));
   endpoint->Stop();
 }
@@ -216,7 +247,7 @@ TEST_P(KcpOnUdpTest, DatagramsWaitingForTheUpdateThreadAreBounded) {
   phone.Send("after the flood");
   ASSERT_TRUE(phone.Pump(0, 2000));
   ASSERT_TRUE(AwaitMessages(handler, 1));
-  EXPECT_EQ(handler.messages.back(), "after the flood");
+  EXPECT_EQ(handler.Last(), "after the flood");
   endpoint->Stop();
 }
 
@@ -228,10 +259,103 @@ TEST_P(KcpOnUdpTest, StopThenStartRunsAFreshConversation) {
     phone.Send("round " + std::to_string(round));
     ASSERT_TRUE(phone.Pump(0, 50));
     ASSERT_TRUE(AwaitMessages(handler, static_cast<size_t>(round) + 1));
-    EXPECT_EQ(handler.messages.back(), "round " + std::to_string(round));
+    EXPECT_EQ(handler.Last(), "round " + std::to_string(round));
     endpoint->QueueSend("ok", 2);
     ASSERT_TRUE(phone.Pump(1));
     endpoint->Stop();
+  }
+}
+
+// The handler stops and/or restarts the endpoint from the update thread itself on the message
+// "reset" (as WifiConnectManager's Reset or time-out does): no join of the thread by itself, no
+// KCP object released under the step that uses it, and the restart taking effect at the next tick.
+struct LifecycleCase {
+  const char* name;
+  bool stop, start;
+};
+
+class ResettingHandler : public RecordingHandler {
+ public:
+  ResettingHandler(KcpOnUdp*& endpoint, LifecycleCase c) : m_endpoint(endpoint), m_case(c) {}
+  void HandleReceive(const char* data, int len) override {
+    RecordingHandler::HandleReceive(data, len);
+    if (std::string(data, static_cast<size_t>(len)) != "reset") return;
+    if (m_case.stop) m_endpoint->Stop();
+    if (m_case.start) {
+      EXPECT_TRUE(m_endpoint->StartUpdate());
+    }
+    std::unique_lock<std::mutex> lock(m_gate);
+    handled = true;
+    m_cv.notify_all();
+    // Held inside the handler until the test has its own StartUpdate under way.
+    if (m_case.stop && !m_case.start) m_cv.wait_for(lock, std::chrono::seconds(5), [this] { return released; });
+  }
+  bool AwaitHandled() {
+    std::unique_lock<std::mutex> lock(m_gate);
+    return m_cv.wait_for(lock, std::chrono::seconds(5), [this] { return handled; });
+  }
+  void Release() {
+    std::lock_guard<std::mutex> guard(m_gate);
+    released = true;
+    m_cv.notify_all();
+  }
+
+ private:
+  KcpOnUdp*& m_endpoint;
+  LifecycleCase m_case;
+  std::mutex m_gate;
+  std::condition_variable m_cv;
+  bool handled = false, released = false;
+};
+
+TEST(KcpOnUdpLifecycle, StopAndStartFromTheHandlerTakeEffectAtTheNextTick) {
+  for (const LifecycleCase c : {LifecycleCase{"reset", true, true}, LifecycleCase{"stop, then start from outside", true, false},
+                                LifecycleCase{"start while running", false, true}}) {
+    SCOPED_TRACE(c.name);
+    FakeHost host;
+    host.SetConfig("phoneVideoCfg.ini", "SECT_VIDEO", "socketMode", "1");
+    CPhoneCameraCtrl ctrl;
+    KcpOnUdp* raw = nullptr;
+    ResettingHandler handler(raw, c);
+    KcpOnUdp endpoint(&ctrl);
+    raw = &endpoint;
+    ASSERT_TRUE(endpoint.StartListening(0));
+    endpoint.SetHandler(&handler);
+    ASSERT_TRUE(endpoint.StartUpdate());
+
+    PhonePeer old;
+    old.Send("before");
+    old.Send("reset");
+    old.Send("tail");  // same conversation, right behind the reset
+    ASSERT_TRUE(old.Pump(0, 50));
+    ASSERT_TRUE(handler.AwaitHandled());
+    if (c.stop && !c.start) {
+      // The thread is still inside the handler, inside its step: the restart must wait for it to
+      // leave before the KCP object it is using goes.
+      handler.Release();
+      ASSERT_TRUE(endpoint.StartUpdate());
+      EXPECT_TRUE(host.HasLog("[wifi] KCP_UpdateProc exit"));
+    }
+    EXPECT_TRUE(endpoint.IsRunning());
+
+    if (!c.stop) {
+      ASSERT_TRUE(AwaitMessages(handler, 3));
+      EXPECT_EQ(handler.At(2), "tail");
+    } else {
+      // A fresh conversation: a new phone numbering from 0 again is heard, which the old KCP
+      // object (expecting sn 3) would have taken for a repeat.
+      PhonePeer fresh;
+      fresh.Send("fresh");
+      ASSERT_TRUE(fresh.Pump(0, 50));
+      ASSERT_TRUE(AwaitMessages(handler, 3));
+      EXPECT_EQ(handler.At(2), "fresh");  // "tail" belonged to the conversation that ended
+      endpoint.QueueSend("ok", 2);
+      ASSERT_TRUE(fresh.Pump(1));
+    }
+    // A second thread only where the old one had ended; otherwise the same thread carried on.
+    EXPECT_EQ(host.CountLog("[wifi] KCP_UpdateProc enter"), c.stop && !c.start ? 2u : 1u);
+    endpoint.Stop();
+    EXPECT_FALSE(endpoint.IsRunning());
   }
 }
 
@@ -285,6 +409,48 @@ TEST(WifiConnectManager, SendsOnlyWithAnEndpointAndSomethingToSend) {
   EXPECT_FALSE(w.manager.SendData(""));
   EXPECT_TRUE(w.host.HasLog(4, "[wifi] SendMsgToPhone, size error"));
   EXPECT_TRUE(w.manager.SendData(Prefixed(std::string("\x04\0\0\0\1", 5))));
+  w.manager.Stop(false);
+}
+
+// The dispatcher's delayed work, the transport thread and the host all send at once: every frame
+// reaches the phone whole, as one message, and each thread's frames keep their order.
+TEST(WifiConnectManager, FramesSentFromSeveralThreadsAtOnceArriveWholeAndInOrderPerThread) {
+  ManagerWorld w;
+  w.manager.Start();
+  PhonePeer phone;
+  phone.SendRaw("?");  // the endpoint answers wherever it last heard from
+  for (int i = 0; i < 500 && w.manager.Endpoint()->PeerAddress().port != phone.Port(); ++i)
+    lumo::RealClock().SleepUs(2000);
+  ASSERT_EQ(w.manager.Endpoint()->PeerAddress().port, phone.Port());
+
+  constexpr int kThreads = 4, kFrames = 40;
+  // Sizes across the segment size, so a frame spans several fragments; the body repeats the
+  // sender's mark, so a frame mixed from two senders shows.
+  auto frame = [](int thread, int seq) {
+    const size_t size = 1 + static_cast<size_t>((seq * 977 + thread * 131) % 4000);
+    std::string body = std::to_string(thread) + ":" + std::to_string(seq) + ":";
+    body += std::string(size, static_cast<char>('a' + thread));
+    return Prefixed(body);
+  };
+  {
+    std::atomic<bool> go{false};
+    std::vector<std::unique_ptr<lumo::test::ScopedThread>> senders;
+    for (int t = 0; t < kThreads; ++t)
+      senders.push_back(std::make_unique<lumo::test::ScopedThread>([&, t] {
+        while (!go) std::this_thread::yield();
+        for (int seq = 0; seq < kFrames; ++seq) EXPECT_TRUE(w.manager.SendData(frame(t, seq)));
+      }));
+    go = true;
+  }  // joined here, a failed expectation included
+  ASSERT_TRUE(phone.Pump(kThreads * kFrames, 10000));
+  ASSERT_EQ(phone.received.size(), static_cast<size_t>(kThreads * kFrames));
+  int next[kThreads] = {};
+  for (const std::string& m : phone.received) {
+    const int thread = m[4] - '0';
+    ASSERT_TRUE(thread >= 0 && thread < kThreads) << m.substr(0, 16);
+    const int seq = next[thread]++;
+    ASSERT_EQ(m, frame(thread, seq)) << "thread " << thread << " frame " << seq;
+  }
   w.manager.Stop(false);
 }
 

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
-#include <thread>
 
 #include "NetImpairProxy.h"
 #include "PhoneSim.h"
@@ -14,6 +13,7 @@
 #include "media/H264DataReviever.h"
 #include "protocol/PhoneDataParse.h"
 #include "support/FakeHost.h"
+#include "support/ScopedThread.h"
 #include "support/SimClock.h"
 #include "support/WifiLinkWorld.h"
 #include "wifi/KcpOnUdp.h"
@@ -108,41 +108,56 @@ class WifiSessionLoss : public ::testing::TestWithParam<double> {};
 TEST_P(WifiSessionLoss, EveryVideoAndAudioFrameArrivesInOrderAndIntact) {
   WifiWorld w(GetParam());
   ASSERT_TRUE(w.proxy->Start());
-  w.Connect(w.PhoneOptions());
+  ASSERT_NO_FATAL_FAILURE(w.Connect(w.PhoneOptions()));
   w.parser.StartAudioCapture(PHONE_DATA_SOURCE_WIFI);
   w.parser.StartCapture(PHONE_DATA_SOURCE_WIFI);
   ASSERT_TRUE(w.host.WaitForLog("[phoneVideo] GetPhoneCameraParams"));  // after the capture callback
   EXPECT_EQ(w.callback.captureStarted, 1);
 
   // The host's side of the receivers: pop as the decoders would, as fast as packets come.
-  std::vector<std::pair<std::string, unsigned long long>> gotVideo, gotAudio;
+  std::vector<std::pair<std::string, unsigned long long>> gotVideo, gotAudio;  // under gotLock
+  std::mutex gotLock;
   std::atomic<bool> done{false};
-  std::thread consumer([&] {
-    VID::VideoRawPkg record;
-    std::vector<unsigned char> aac(AudioDataReviever::kSlotSize);
-    while (!done) {
-      w.video.PopH264RawData(&record);
-      if (record.length > 0) gotVideo.emplace_back(std::string(reinterpret_cast<char*>(record.data), record.length), record.timestamp);
-      unsigned int length = 0;
-      unsigned long long ts = 0, index = 0;
-      w.audio1.PopAACRawData(aac.data(), length, ts, index);
-      if (length > 0) gotAudio.emplace_back(std::string(reinterpret_cast<char*>(aac.data()), length), ts);
-      if (record.length == 0 && length == 0) w.video.WaitH264RawData();
-    }
-  });
-  auto sent = [&w](std::vector<std::string>& list) {
-    std::lock_guard<std::mutex> guard(w.lock);
-    return list.size();
-  };
-  ASSERT_TRUE(w.Until([&] { return sent(w.sentVideo) >= 45; }));
-  // Stopping capture: no picture leaves the phone after its 2003, and KCP keeps order, so once
-  // the PC has the 2003 it has every picture. Audio goes on; what was sent by then must be in.
-  w.parser.StopCapture(PHONE_DATA_SOURCE_WIFI);
-  ASSERT_TRUE(w.host.WaitForLog("[phoneVideo] OnRcvResponseStopCapture: "));
-  const size_t audioSent = sent(w.sentAudio);
-  ASSERT_TRUE(w.Until([&] { return gotVideo.size() >= sent(w.sentVideo) && gotAudio.size() >= audioSent; }));
-  done = true;
-  consumer.join();
+  size_t audioSent = 0;  // audio frames the phone had sent when the PC had its answer to the stop
+  {
+    // Joined on every way out, a failed ASSERT included (the consumer waits at most 10 ms).
+    lumo::test::ScopedThread consumer(
+        [&] {
+          VID::VideoRawPkg record;
+          std::vector<unsigned char> aac(AudioDataReviever::kSlotSize);
+          while (!done) {
+            w.video.PopH264RawData(&record);
+            unsigned int length = 0;
+            unsigned long long ts = 0, index = 0;
+            w.audio1.PopAACRawData(aac.data(), length, ts, index);
+            {
+              std::lock_guard<std::mutex> guard(gotLock);
+              if (record.length > 0)
+                gotVideo.emplace_back(std::string(reinterpret_cast<char*>(record.data), record.length), record.timestamp);
+              if (length > 0) gotAudio.emplace_back(std::string(reinterpret_cast<char*>(aac.data()), length), ts);
+            }
+            if (record.length == 0 && length == 0) w.video.WaitH264RawData();
+          }
+        },
+        [&done] { done = true; });
+    auto sent = [&w](std::vector<std::string>& list) {
+      std::lock_guard<std::mutex> guard(w.lock);
+      return list.size();
+    };
+    ASSERT_TRUE(w.Until([&] { return sent(w.sentVideo) >= 45; }));
+    // Stopping capture: no picture leaves the phone after its 2003, and KCP keeps order, so once
+    // the PC has the 2003 it has every picture. Audio goes on; what was sent by then must be in.
+    w.parser.StopCapture(PHONE_DATA_SOURCE_WIFI);
+    ASSERT_TRUE(w.host.WaitForLog("[phoneVideo] OnRcvResponseStopCapture: "));
+    audioSent = sent(w.sentAudio);
+    ASSERT_TRUE(w.Until([&] {
+      const size_t videoSent = sent(w.sentVideo);
+      std::lock_guard<std::mutex> guard(gotLock);
+      return gotVideo.size() >= videoSent && gotAudio.size() >= audioSent;
+    }));
+    done = true;
+    consumer.join();
+  }
   w.phone->Stop();
 
   ASSERT_GE(w.sentVideo.size(), 45u);
@@ -164,12 +179,12 @@ INSTANTIATE_TEST_SUITE_P(WifiSession, WifiSessionLoss, ::testing::Values(0.1, 0.
 TEST(WifiSession, StopThenStartRunsASecondSessionOnTheSameSocket) {
   WifiWorld w;
   ASSERT_TRUE(w.proxy->Start());
-  w.Connect(w.PhoneOptions());
+  ASSERT_NO_FATAL_FAILURE(w.Connect(w.PhoneOptions()));
   w.manager.Stop(true);
   w.phone.reset();
   w.host.ClearLogs();
   w.manager.Start();  // the same endpoint and socket, a fresh KCP conversation
-  w.Connect(w.PhoneOptions());
+  ASSERT_NO_FATAL_FAILURE(w.Connect(w.PhoneOptions()));
   EXPECT_EQ(w.callback.prepared, 2);
   EXPECT_EQ(w.host.CountLog("KcpOnUdp::StartListening, use async sock"), 0u);
 }
@@ -180,16 +195,20 @@ TEST(WifiSession, HeartbeatPostsAfterThirtySecondsOfSilence) {
   lumo::test::ScopedSimClock clock;
   WifiWorld w;
   std::atomic<bool> pumping{true};
-  std::thread pump([&] {
-    while (pumping) {
-      clock.clock.AdvanceUs(1000);
-      lumo::RealClock().SleepUs(250);
-    }
-  });
-  ASSERT_TRUE(w.proxy->Start());
-  w.Connect(w.PhoneOptions());
-  pumping = false;
-  pump.join();
+  {
+    // Joined on every way out, a failed ASSERT included.
+    lumo::test::ScopedThread pump(
+        [&] {
+          while (pumping) {
+            clock.clock.AdvanceUs(1000);
+            lumo::RealClock().SleepUs(250);
+          }
+        },
+        [&pumping] { pumping = false; });
+    ASSERT_TRUE(w.proxy->Start());
+    ASSERT_NO_FATAL_FAILURE(w.Connect(w.PhoneOptions()));
+    pumping = false;
+  }
   ASSERT_TRUE(w.host.IsTimerActive(131));
   w.phone.reset();  // silence
 
