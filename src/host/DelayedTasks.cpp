@@ -28,6 +28,7 @@ DelayedTasks::~DelayedTasks() { Close(); }
 bool DelayedTasks::Schedule(uint32_t delayMs, std::function<void()> task) {
   const uint64_t due = PerfCounterUs() + static_cast<uint64_t>(delayMs) * 1000;
   size_t waiting = 0;
+  bool wake = false;
   {
     std::lock_guard<std::mutex> guard(m_mutex);
     if (m_closed) return false;
@@ -39,8 +40,13 @@ bool DelayedTasks::Schedule(uint32_t delayMs, std::function<void()> task) {
         if (!m_worker.Start([this] { Run(); })) return false;  // WorkerThread has logged why
         m_started = true;
       }
-      m_queue.emplace(due, std::move(task));  // after any equal due time: scheduling order
-      ++m_changes;
+      // After any equal due time: scheduling order.
+      auto it = m_queue.emplace(due, std::move(task));
+      // The thread needs a wake only when this task is now the first one due; otherwise it
+      // already waits for an earlier one and will find this one after it (and its wait, and
+      // so WaitSettled, still holds).
+      wake = it == m_queue.begin();
+      if (wake) ++m_changes;
     }
   }
   if (waiting >= m_maxPending) {
@@ -50,7 +56,7 @@ bool DelayedTasks::Schedule(uint32_t delayMs, std::function<void()> task) {
     }
     return false;
   }
-  m_cv.notify_all();  // the thread, idle or waiting for a task due later than this one
+  if (wake) m_cv.notify_all();  // the thread, idle or waiting for a task due later than this one
   return true;
 }
 
@@ -61,7 +67,8 @@ void DelayedTasks::CancelAll() {
     dropped.swap(m_queue);
     ++m_epoch;
     ++m_changes;
-    m_cv.notify_all();  // a thread parked for a dropped task goes idle now, not at its due time
+    // A thread parked for a dropped task goes idle now rather than at its due time.
+    if (m_parked && !dropped.empty()) m_cv.notify_all();
     if (m_running && !m_worker.IsCurrentThread()) {
       // Waits for the task that runs now, not for a state in which none runs: one scheduled
       // meanwhile by someone else may start at once.

@@ -23,7 +23,10 @@ bool WorkerThread::Start(std::function<void()> body) {
     std::lock_guard<std::mutex> guard(m_mutex);
     m_wakePending = false;
   }
-  if (!m_thread.Start(std::move(body))) {
+  if (!m_thread.Start([this, body = std::move(body)] {
+        m_tid.store(Thread::CurrentId(), std::memory_order_release);
+        body();
+      })) {
     Log(LOG_ERROR, "[thread] %s: start failed, error %d", m_name.c_str(), LastSystemError());
     return false;
   }
@@ -72,6 +75,6 @@ void WorkerThread::Wake() {
 
 bool WorkerThread::IsRunning() const { return m_thread.HasThread() && !m_thread.IsFinished(); }
 
-bool WorkerThread::IsCurrentThread() const { return m_thread.HasThread() && m_thread.Id() == Thread::CurrentId(); }
+bool WorkerThread::IsCurrentThread() const { return m_tid.load(std::memory_order_acquire) == Thread::CurrentId(); }
 
 }  // namespace lumo

@@ -59,6 +59,9 @@ class WorkerThread {
  private:
   std::string m_name;
   Thread m_thread;
+  // The running thread's id, written by the thread itself before its body runs: the Thread
+  // object is filled in by Start only after the new thread may already be asking.
+  std::atomic<uint32_t> m_tid{0};
   std::atomic<bool> m_stop{false};
   std::mutex m_mutex;
   std::condition_variable m_cv;
