@@ -147,7 +147,13 @@ TEST_P(WifiSessionLoss, EveryVideoAndAudioFrameArrivesInOrderAndIntact) {
     ASSERT_TRUE(w.Until([&] { return sent(w.sentVideo) >= 45; }));
     // Stopping capture: no picture leaves the phone after its 2003, and KCP keeps order, so once
     // the PC has the 2003 it has every picture. Audio goes on; what was sent by then must be in.
-    w.parser.StopCapture(PHONE_DATA_SOURCE_WIFI);
+    // The stop command goes straight to the link: the parser's StopCapture would also empty the
+    // receiver's queue, dropping pictures that had arrived but were not yet taken.
+    const std::string stop = "{\"cmdType\":1003}";
+    // Length (big-endian, type and sequence included), type 1, sequence 0, then the text.
+    std::string frame{0, 0, 0, static_cast<char>(stop.size() + 5), 1, 0, 0, 0, 0};
+    frame += stop;
+    ASSERT_TRUE(w.manager.SendData(frame));
     ASSERT_TRUE(w.host.WaitForLog("[phoneVideo] OnRcvResponseStopCapture: "));
     audioSent = sent(w.sentAudio);
     ASSERT_TRUE(w.Until([&] {
