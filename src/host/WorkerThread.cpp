@@ -26,6 +26,7 @@ bool WorkerThread::Start(std::function<void()> body) {
   if (!m_thread.Start([this, body = std::move(body)] {
         m_tid.store(Thread::CurrentId(), std::memory_order_release);
         body();
+        m_tid.store(0, std::memory_order_release);
       })) {
     Log(LOG_ERROR, "[thread] %s: start failed, error %d", m_name.c_str(), LastSystemError());
     return false;
@@ -62,6 +63,12 @@ bool WorkerThread::WaitUs(uint64_t timeoutUs) {
   if (!m_wakePending && !StopRequested())
     GetClock().WaitFor(lock, m_cv, timeoutUs, [this] { return m_wakePending || StopRequested(); });
   m_wakePending = false;
+  return !StopRequested();
+}
+
+bool WorkerThread::SleepUs(uint64_t us) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  if (!StopRequested()) GetClock().WaitFor(lock, m_cv, us, [this] { return StopRequested(); });
   return !StopRequested();
 }
 

@@ -48,6 +48,10 @@ class WorkerThread {
   // so a producer's wake is never lost. Returns !StopRequested().
   bool WaitUs(uint64_t timeoutUs);
   bool WaitMs(uint32_t timeoutMs) { return WaitUs(static_cast<uint64_t>(timeoutMs) * 1000); }
+  // For the body: sleeps the whole `us` of library-clock time; only a stop ends it early. A wake
+  // that comes meanwhile is left pending for the next WaitUs. Returns !StopRequested().
+  bool SleepUs(uint64_t us);
+  bool SleepMs(uint32_t ms) { return SleepUs(static_cast<uint64_t>(ms) * 1000); }
   // For producers: ends the thread's current or next wait.
   void Wake();
 
@@ -59,8 +63,9 @@ class WorkerThread {
  private:
   std::string m_name;
   Thread m_thread;
-  // The running thread's id, written by the thread itself before its body runs: the Thread
-  // object is filled in by Start only after the new thread may already be asking.
+  // The running thread's id, written by the thread itself before its body runs (the Thread
+  // object is filled in by Start only after the new thread may already be asking) and cleared
+  // when the body returns, so a later thread that gets the same id is not taken for it.
   std::atomic<uint32_t> m_tid{0};
   std::atomic<bool> m_stop{false};
   std::mutex m_mutex;

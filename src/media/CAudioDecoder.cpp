@@ -102,7 +102,7 @@ int CAudioDecoder::DecodeLoop() {
     unsigned long long timestamp = 0, index = 0;
     m_receiver->PopAACRawData(m_inputBuffer.get(), length, timestamp, index);
     if (length == 0) {
-      IdleSleep(kIdleSleepMs);
+      m_worker.SleepMs(kIdleSleepMs);  // only a stop ends it early
       continue;
     }
     DecodeOne(length);
@@ -137,14 +137,6 @@ void CAudioDecoder::DecodeOne(unsigned int length) {
   m_ctrl->AddDecodedAudioFrame();
   m_player->Write(m_pcmBuffer.get(), static_cast<unsigned int>(pcmLength));
   if (m_savePcm == 1 && m_pcmDump) m_pcmDump->Write(m_pcmBuffer.get(), pcmLength);
-}
-
-void CAudioDecoder::IdleSleep(uint32_t ms) {
-  // Nothing wakes this thread but a stop; the loop only guards against a stray wake.
-  const uint64_t deadline = lumo::PerfCounterUs() + static_cast<uint64_t>(ms) * 1000;
-  for (uint64_t now = lumo::PerfCounterUs(); now < deadline; now = lumo::PerfCounterUs()) {
-    if (!m_worker.WaitUs(deadline - now)) return;
-  }
 }
 
 bool CAudioDecoder::OpenDumps() {

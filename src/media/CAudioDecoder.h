@@ -68,8 +68,6 @@ class LUMO_API CAudioDecoder {
   void DecodeOne(unsigned int length);
   bool OpenDumps();
   void CloseDumps();
-  // Sleeps `ms` on the library clock; only a stop ends it early.
-  void IdleSleep(uint32_t ms);
 
   void* aac_decoder_open(unsigned char* buffer, unsigned long size);
   // `output` holds kBufferBytes.

@@ -59,15 +59,6 @@ bool CVideoDecoder::Grow(unsigned char*& block, size_t& capacity, size_t needed)
   return true;
 }
 
-void CVideoDecoder::SleepUs(uint64_t us) {
-  // The steps that sleep must not be shortened by the wakes a push leaves behind, so a wake
-  // only sends the thread back to sleep for the rest; a stop ends the sleep at once.
-  const uint64_t deadline = lumo::PerfCounterUs() + us;
-  for (uint64_t now = lumo::PerfCounterUs(); now < deadline; now = lumo::PerfCounterUs()) {
-    if (!m_worker.WaitUs(deadline - now)) return;
-  }
-}
-
 void CVideoDecoder::InitDecoderType() {
   if (lumo::Host().GetProjectContentType() != 0) {
     m_ctrl->SetCodec(1);
@@ -322,11 +313,11 @@ void CVideoDecoder::VideoDecodeProc() {
   for (;;) {
     lumo::Stopwatch stopwatch;
     if (!m_receiver->HasGotIFrame()) {
-      SleepUs(kKeyFrameWaitUs);
+      m_worker.SleepUs(kKeyFrameWaitUs);
       keyFrameRounds = 0;
     } else if (keyFrameRounds < 2 && ++keyFrameRounds < 2 && !m_ctrl->IsHighIOSVersion()) {
       // Once after the first key frame: let the receiver's queue fill before decoding.
-      SleepUs(kSettleWaitUs);
+      m_worker.SleepUs(kSettleWaitUs);
     } else {
       if (m_receiver->IsDecoderChanged()) {
         if (!ReInitDecoder()) {

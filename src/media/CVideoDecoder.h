@@ -118,8 +118,6 @@ class LUMO_API CVideoDecoder {
   void CleanQueueData();
   void VideoDecodeProc();
   void VideoDecodeProc2();
-  // Sleeps `us` on the library clock; only a stop ends it early (a push does not).
-  void SleepUs(uint64_t us);
   // Sends the record's bytes, padded as FFmpeg requires, and receives one picture.
   // Returns FFmpeg's status; `got` is 1 when m_frame holds a picture.
   int SendAndReceive(const unsigned char* data, size_t size, int& got);

@@ -187,7 +187,7 @@ void PcmPlayer::WaitMs(std::unique_lock<std::mutex>& lock, uint32_t ms) {
   // The writer and Open need the lock meanwhile; whoever changes the ring under our feet bumps
   // m_generation, which the caller checks after the sleep.
   lock.unlock();
-  m_worker.WaitMs(ms);
+  m_worker.SleepMs(ms);
   lock.lock();
 }
 

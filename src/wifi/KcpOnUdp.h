@@ -16,7 +16,6 @@
 #include "host/PhoneCameraTypes.h"
 #include "host/WorkerThread.h"
 #include "platform/socket.h"
-#include "platform/thread.h"
 #include "platform/udp_io.h"
 #include "wifi/ikcp.h"
 
@@ -70,7 +69,7 @@ class KcpOnUdp {
   void FreshConversation();
   void ReleaseKcp();
   void WakeUpdate();
-  bool OnUpdateThread() const { return m_updateThreadId != 0 && m_updateThreadId == lumo::Thread::CurrentId(); }
+  bool OnUpdateThread() const { return m_updateThread.IsCurrentThread(); }
 
   IWiFiDataHandler* m_handler = nullptr;
   std::atomic<bool> m_bRunning{false};
@@ -88,9 +87,6 @@ class KcpOnUdp {
   std::deque<Buffer> m_sendQueue, m_recvQueue, m_spareQueue;
   size_t m_recvQueueBytes = 0;  // under m_recvLock
   lumo::WorkerThread m_updateThread{"wifi kcp update"};
-  // Recorded by the update thread itself as it starts: asking the thread object instead races
-  // with Start, which may still be filling it in when the thread's first step runs.
-  std::atomic<uint32_t> m_updateThreadId{0};
   std::mutex m_lifeLock;  // orders StartUpdate and Stop from threads other than the update thread
 
   // Event-driven mode.

@@ -93,7 +93,6 @@ void KcpOnUdp::QueueSend(const char* data, int len) {
 }
 
 void KcpOnUdp::UpdateProc() {
-  m_updateThreadId = lumo::Thread::CurrentId();
   Log(LOG_INFO, "[wifi] KCP_UpdateProc enter");
   while (m_bRunning && !m_updateThread.StopRequested()) {
     if (m_restartPending.exchange(false)) FreshConversation();
@@ -108,7 +107,6 @@ void KcpOnUdp::UpdateProc() {
   }
   m_bRunning = false;
   Log(LOG_INFO, "[wifi] KCP_UpdateProc exit");
-  m_updateThreadId = 0;
 }
 
 void KcpOnUdp::UpdateStep() {

@@ -35,7 +35,7 @@ TEST(WorkerThread, StopEndsALongWaitAtOnceAndTheThreadCanStartAgain) {
   }
 }
 
-TEST(WorkerThread, WaitsLastTheirTimeOnTheLibraryClockAndKeepAWakeThatCameEarly) {
+TEST(WorkerThread, WaitsLastTheirTimeOnTheLibraryClockAndKeepAWakeThatCameEarlyOrDuringASleep) {
   ScopedSimClock sim;
   WorkerThread worker("test");
   std::promise<void> busy;
@@ -47,6 +47,10 @@ TEST(WorkerThread, WaitsLastTheirTimeOnTheLibraryClockAndKeepAWakeThatCameEarly)
     phase = 1;
     worker.WaitMs(10);           // a real wait: ten simulated milliseconds
     phase = 2;
+    worker.SleepMs(10);          // a wake does not end a sleep...
+    phase = 3;
+    worker.WaitMs(3600 * 1000);  // ...but stays pending for the next wait
+    phase = 4;
   }));
   worker.Wake();
   busy.set_value();
@@ -57,6 +61,12 @@ TEST(WorkerThread, WaitsLastTheirTimeOnTheLibraryClockAndKeepAWakeThatCameEarly)
   sim.clock.AdvanceMs(1);
   for (int i = 0; i < 5000 && phase != 2; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   EXPECT_EQ(phase, 2);  // ended by its deadline, before any stop
+  ASSERT_TRUE(sim.clock.WaitForSleepers(1));
+  worker.Wake();
+  EXPECT_NE(phase, 4);
+  sim.clock.AdvanceMs(10);
+  for (int i = 0; i < 5000 && phase != 4; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_EQ(phase, 4);
   worker.Stop();
 }
 
