@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "Stats.h"
 #include "AudioEncoder.h"
 #include "host/PhoneCameraCtrl.h"
 #include "media/AudioDataReviever.h"
@@ -34,17 +35,14 @@
 
 namespace {
 
+using lumo::bench::Median;
+using lumo::bench::Percentile;
+
 using Clock = std::chrono::steady_clock;
 
 double Ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
 
-double Percentile(std::vector<double> v, double p) {
-  if (v.empty()) return -1;
-  std::sort(v.begin(), v.end());
-  return v[std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size())))];
-}
 
-double Median(std::vector<double> v) { return Percentile(std::move(v), 0.5); }
 
 struct CardSettings {
   long buffer = 0;

@@ -25,6 +25,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "Stats.h"
 #include "host/PhoneCameraCtrl.h"
 #include "media/CVideoDecoder.h"
 #include "media/H264DataReviever.h"
@@ -32,6 +33,9 @@ extern "C" {
 #include "support/TestVideo_media.h"
 
 namespace {
+
+using lumo::bench::Median;
+using lumo::bench::Percentile;
 
 using Clock = std::chrono::steady_clock;
 using lumo::test::EncodedPacket;
@@ -43,15 +47,7 @@ class BenchHost : public lumo::test::QuietHost {
   int GetProjectContentType() override { return 1; }
 };
 
-double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
 
-double Percentile(std::vector<double> v, double p) {
-  std::sort(v.begin(), v.end());
-  return v[std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size())))];
-}
 
 double Ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
 

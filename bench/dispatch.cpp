@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Stats.h"
 #include "host/PhoneCameraCtrl.h"
 #include "media/AudioDataReviever.h"
 #include "media/H264DataReviever.h"
@@ -17,6 +18,9 @@
 #include "support/QuietHost.h"
 
 namespace {
+
+using lumo::bench::Median;
+using lumo::bench::Percentile;
 
 constexpr size_t kPayload = 100 * 1024;
 constexpr int kFramesPerRound = 30;  // one second of 30 fps video: an IDR, then 29 P frames
@@ -37,10 +41,6 @@ std::vector<std::string> MakeFrames() {
   return frames;
 }
 
-double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
 
 }  // namespace
 

@@ -27,6 +27,7 @@
 #include <thread>
 #include <vector>
 
+#include "Stats.h"
 #include "NetImpairProxy.h"
 #include "Transport.h"
 #include "host/HostServices.h"
@@ -37,6 +38,9 @@
 #include "wifi/ikcp.h"
 
 namespace {
+
+using lumo::bench::Median;
+using lumo::bench::Percentile;
 
 using Steady = std::chrono::steady_clock;
 
@@ -56,11 +60,6 @@ struct Arrivals : IWiFiDataHandler {
   uint64_t bytes = 0, count = 0;
 };
 
-double Percentile(std::vector<double> v, double p) {
-  if (v.empty()) return 0;
-  std::sort(v.begin(), v.end());
-  return v[std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size())))];
-}
 
 std::string Message(size_t size) {
   std::string m(size, '\x5a');
