@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "VideoEncoder.h"
 
@@ -62,6 +63,21 @@ struct PhoneSimOptions {
   uint16_t port = 8182;                // tcp: where the PC connects (0: any free port); kcp: our UDP port (0: any)
   uint32_t pcAddress = 0x7F000001u;    // kcp: where the PC listens (host byte order)
   uint16_t pcPort = 10099;
+
+  // USB phone, Android: an adb device on this emulator port that adb servers find (0: off).
+  uint16_t adbDevicePort = 0;
+  std::string adbProduct = "lumosim";
+  std::string adbModel = "LumoSim_Phone";
+  std::string adbDevice = "lumosim";
+  std::string appPackage = "com.lumo.hqcamera";  // what "pm list package -3" lists
+  bool appInstalled = true;
+  bool appRunning = true;
+
+  // USB phone, iPhone: a usbmuxd on this UNIX socket path or 127.0.0.1:PORT (empty: off).
+  std::string usbmuxdAddress;
+  std::vector<std::string> udids;  // one phone per UDID (empty: one default UDID)
+  std::string iosDeviceName = "LumoSim iPhone";
+  std::string iosProductType = "iPhone14,2";
 };
 
 }  // namespace lumo::phonesim
