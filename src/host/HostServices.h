@@ -6,8 +6,10 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/export.h"
 
@@ -52,6 +54,23 @@ enum class HostStat : int {
   PhoneDecodeAudioFrameCount,
   Count_
 };
+
+// What one run of a command line left behind.
+struct HostCommandResult {
+  bool started = false;   // false when the program could not be run at all
+  bool timedOut = false;  // it outlived its time limit and was ended
+  int exitCode = -1;
+  std::string output;     // its standard output, bytes as printed
+  std::string errors;     // its standard error
+};
+
+// One entry of the process table.
+struct HostProcessEntry {
+  uint32_t pid = 0;
+  std::wstring exeName;  // the executable's file name, without its folder
+};
+
+enum class HostKillResult { Killed, OpenFailed, TerminateFailed };
 
 class LUMO_API HostServices {
  public:
@@ -102,6 +121,24 @@ class LUMO_API HostServices {
 
   // Asks the host's renderer to drop the texture it is showing (the decoder has stopped).
   virtual void ClearCurrentTexture() = 0;
+
+  // Other programs on this PC: the command runner and the port scanner of the original host's
+  // base library, and the process table. These have working defaults on the platform layer, so
+  // a host overrides them only to script or watch them (the tests do).
+  //
+  // Runs one command line to its end: the program and its arguments split at blanks as Windows
+  // does (double quotes group), never through a shell, so "| grep" reaches the program as two
+  // arguments. A program still running after `timeoutMs` is ended.
+  virtual HostCommandResult RunCommand(const std::wstring& commandLine, uint32_t timeoutMs);
+  // Listening TCP ports and the process that owns each, both as decimal text ("5037" -> "812").
+  virtual std::map<std::string, std::string> ListeningTcpPorts();
+  // The full path of a process's executable; empty when unknown.
+  virtual std::wstring GetProcessPath(uint32_t pid);
+  virtual std::vector<HostProcessEntry> ListProcesses();
+  // Ends a process at once; on failure `systemError` says why.
+  virtual HostKillResult KillProcess(uint32_t pid, uint32_t& systemError);
+  // The host program's own executable (the adb that ships with it is found beside it).
+  virtual std::wstring HostExecutablePath();
 };
 
 // Installs the host's own services; nullptr puts the built-in default back. The host keeps

@@ -24,5 +24,10 @@ FILE* OpenFile(const std::wstring& path, const char* mode);
 // Replaces `to` with `from` in one step where the system allows it.
 bool RenameFile(const std::wstring& from, const std::wstring& to);
 std::wstring GetEnvironmentText(const char* name);
+// `path` with every symbolic link resolved (a link's own name and its target's compare equal);
+// `path` itself when it cannot be resolved. Windows paths are returned as they are.
+std::wstring ResolvedPath(const std::wstring& path);
+// The full path of `program` as the system would find it on PATH; empty when not found.
+std::wstring FindOnPath(const std::wstring& program);
 
 }  // namespace lumo

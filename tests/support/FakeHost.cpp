@@ -259,3 +259,72 @@ std::vector<FakeHost::Telemetry> FakeHost::TelemetryRecords() {
 }
 
 }  // namespace lumo::test
+
+namespace lumo::test {
+
+HostCommandResult FakeHost::RunCommand(const std::wstring& commandLine, uint32_t timeoutMs) {
+  {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_commands.push_back(commandLine);
+  }
+  if (onCommand) return onCommand(commandLine);
+  if (realPrograms) return HostServices::RunCommand(commandLine, timeoutMs);
+  HostCommandResult r;
+  r.started = true;
+  r.exitCode = 0;
+  return r;
+}
+
+std::vector<std::wstring> FakeHost::Commands() {
+  std::lock_guard<std::mutex> guard(m_mutex);
+  return m_commands;
+}
+
+void FakeHost::SetListeningPorts(std::map<std::string, std::string> ports) {
+  std::lock_guard<std::mutex> guard(m_mutex);
+  m_ports = std::move(ports);
+}
+
+std::map<std::string, std::string> FakeHost::ListeningTcpPorts() {
+  if (realPrograms) return HostServices::ListeningTcpPorts();
+  std::lock_guard<std::mutex> guard(m_mutex);
+  return m_ports;
+}
+
+void FakeHost::SetProcesses(std::vector<HostProcessEntry> processes, std::map<uint32_t, std::wstring> paths) {
+  std::lock_guard<std::mutex> guard(m_mutex);
+  m_processes = std::move(processes);
+  m_paths = std::move(paths);
+}
+
+std::vector<HostProcessEntry> FakeHost::ListProcesses() {
+  if (realPrograms) return HostServices::ListProcesses();
+  std::lock_guard<std::mutex> guard(m_mutex);
+  return m_processes;
+}
+
+std::wstring FakeHost::GetProcessPath(uint32_t pid) {
+  if (realPrograms) return HostServices::GetProcessPath(pid);
+  std::lock_guard<std::mutex> guard(m_mutex);
+  auto it = m_paths.find(pid);
+  return it == m_paths.end() ? std::wstring() : it->second;
+}
+
+HostKillResult FakeHost::KillProcess(uint32_t pid, uint32_t& systemError) {
+  {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_kills.push_back(pid);
+  }
+  if (realPrograms) return HostServices::KillProcess(pid, systemError);
+  std::lock_guard<std::mutex> guard(m_mutex);
+  HostKillResult r = killResult;
+  systemError = r == HostKillResult::Killed ? 0 : 5;
+  return r;
+}
+
+std::vector<uint32_t> FakeHost::Kills() {
+  std::lock_guard<std::mutex> guard(m_mutex);
+  return m_kills;
+}
+
+}  // namespace lumo::test

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -75,6 +76,19 @@ class FakeHost : public HostServices {
   std::string roomId, lumoId, accountId;
   std::map<std::string, std::pair<bool, std::string>> switches;  // absent: enabled, text ""
 
+  // Other programs, scripted: no process is started. Each command line is recorded and handed
+  // to `onCommand` (set it before the code under test runs); without it a command prints
+  // nothing and exits 0. The port table, the process table and the paths are what the test set.
+  std::function<HostCommandResult(const std::wstring& commandLine)> onCommand;
+  std::vector<std::wstring> Commands();
+  void SetListeningPorts(std::map<std::string, std::string> ports);
+  void SetProcesses(std::vector<HostProcessEntry> processes, std::map<uint32_t, std::wstring> paths);
+  std::vector<uint32_t> Kills();
+  std::atomic<HostKillResult> killResult{HostKillResult::Killed};
+  std::wstring hostExecutable = L"/opt/host/bin/host";
+  // True: commands, tables and kills are the machine's real ones (still recorded).
+  std::atomic<bool> realPrograms{false};
+
   long long Statistic(HostStat stat);
   std::string PhoneName();
   std::vector<Telemetry> TelemetryRecords();
@@ -105,6 +119,12 @@ class FakeHost : public HostServices {
   void SetPhoneName(const std::string& name) override;
   void ReportTelemetry(const std::string& module, const std::string& event, const Json::Value& record) override;
   void ClearCurrentTexture() override { ++m_clearTexture; }
+  HostCommandResult RunCommand(const std::wstring& commandLine, uint32_t timeoutMs) override;
+  std::map<std::string, std::string> ListeningTcpPorts() override;
+  std::wstring GetProcessPath(uint32_t pid) override;
+  std::vector<HostProcessEntry> ListProcesses() override;
+  HostKillResult KillProcess(uint32_t pid, uint32_t& systemError) override;
+  std::wstring HostExecutablePath() override { return hostExecutable; }
 
   class Timer;
 
@@ -123,6 +143,11 @@ class FakeHost : public HostServices {
   std::string m_phoneName;
   std::vector<Telemetry> m_telemetry;
   std::atomic<size_t> m_clearTexture{0};
+  std::vector<std::wstring> m_commands;
+  std::map<std::string, std::string> m_ports;
+  std::vector<HostProcessEntry> m_processes;
+  std::map<uint32_t, std::wstring> m_paths;
+  std::vector<uint32_t> m_kills;
   bool m_echo = false;
 };
 

@@ -31,10 +31,12 @@ TEST(CommandLine, SplitsLikeAWindowsProgramReadsItsArguments) {
 const wchar_t kEcho[] = L"cmd /c echo hello";
 const char kEchoOut[] = "hello\r\n";
 const wchar_t kExit3[] = L"cmd /c exit 3";
+const wchar_t kBothStreams[] = L"cmd /c echo hello& echo oops 1>&2";
 #else
 const wchar_t kEcho[] = L"echo hello";
 const char kEchoOut[] = "hello\n";
 const wchar_t kExit3[] = L"sh -c \"exit 3\"";
+const wchar_t kBothStreams[] = L"sh -c \"echo hello; echo oops >&2\"";
 #endif
 
 TEST(RunCommand, CapturesOutputAndExitCode) {
@@ -44,6 +46,10 @@ TEST(RunCommand, CapturesOutputAndExitCode) {
   EXPECT_EQ(r.output, kEchoOut);
   EXPECT_EQ(r.exitCode, 0);
   EXPECT_EQ(lumo::RunCommandLine(kExit3, 10000).exitCode, 3);
+  // Standard error is kept apart from the output that parsers read.
+  lumo::CommandResult both = lumo::RunCommandLine(kBothStreams, 10000);
+  EXPECT_EQ(both.output, kEchoOut);
+  EXPECT_NE(both.errors.find("oops"), std::string::npos);
   lumo::CommandResult missing = lumo::RunCommandLine(L"no-such-program-5037 devices", 10000);
   EXPECT_FALSE(missing.started);
   EXPECT_TRUE(missing.output.empty());

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -48,6 +49,38 @@ FILE* OpenFile(const std::wstring& path, const char* mode) {
 
 bool RenameFile(const std::wstring& from, const std::wstring& to) {
   return std::rename(WideToUtf8(from).c_str(), WideToUtf8(to).c_str()) == 0;
+}
+
+}  // namespace lumo
+
+namespace lumo {
+
+std::wstring ResolvedPath(const std::wstring& path) {
+  char* resolved = ::realpath(WideToUtf8(path).c_str(), nullptr);
+  if (resolved == nullptr) return path;
+  std::wstring out = Utf8ToWide(resolved);
+  std::free(resolved);
+  return out;
+}
+
+std::wstring FindOnPath(const std::wstring& program) {
+  if (program.find(L'/') != std::wstring::npos) return ::access(WideToUtf8(program).c_str(), X_OK) == 0 ? program : L"";
+  const char* path = std::getenv("PATH");
+  std::string dirs = path ? path : "/usr/local/bin:/usr/bin:/bin";
+  const std::string name = WideToUtf8(program);
+  size_t start = 0;
+  while (start <= dirs.size()) {
+    size_t end = dirs.find(':', start);
+    if (end == std::string::npos) end = dirs.size();
+    std::string dir = dirs.substr(start, end - start);
+    if (dir.empty()) dir = ".";
+    const std::string candidate = dir + "/" + name;
+    struct stat st;
+    if (::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(candidate.c_str(), X_OK) == 0)
+      return Utf8ToWide(candidate);
+    start = end + 1;
+  }
+  return std::wstring();
 }
 
 }  // namespace lumo

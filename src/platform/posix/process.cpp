@@ -62,19 +62,26 @@ CommandResult RunCommandLine(const std::wstring& commandLine, uint32_t timeoutMs
   for (std::string& a : args) argv.push_back(&a[0]);
   argv.push_back(nullptr);
 
-  int pipeFds[2];
-  if (::pipe2(pipeFds, O_CLOEXEC) != 0) return result;
+  int outFds[2], errFds[2];
+  if (::pipe2(outFds, O_CLOEXEC) != 0) return result;
+  if (::pipe2(errFds, O_CLOEXEC) != 0) {
+    ::close(outFds[0]);
+    ::close(outFds[1]);
+    return result;
+  }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 2);
+  posix_spawn_file_actions_adddup2(&actions, outFds[1], 1);
+  posix_spawn_file_actions_adddup2(&actions, errFds[1], 2);
   pid_t pid = 0;
   int rc = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  ::close(pipeFds[1]);
+  ::close(outFds[1]);
+  ::close(errFds[1]);
   if (rc != 0) {
-    ::close(pipeFds[0]);
+    ::close(outFds[0]);
+    ::close(errFds[0]);
     SetLastSystemError(rc);
     return result;
   }
@@ -84,33 +91,44 @@ CommandResult RunCommandLine(const std::wstring& commandLine, uint32_t timeoutMs
   char buf[8192];
   bool exited = false;
   int status = 0;
+  pollfd fds[2] = {{outFds[0], POLLIN, 0}, {errFds[0], POLLIN, 0}};
+  std::string* sinks[2] = {&result.output, &result.errors};
+  auto drainAll = [&] {
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i].fd < 0) continue;
+      ::fcntl(fds[i].fd, F_SETFL, O_NONBLOCK);
+      ssize_t n;
+      while ((n = ::read(fds[i].fd, buf, sizeof(buf))) > 0) AppendBounded(*sinks[i], buf, static_cast<size_t>(n));
+    }
+  };
   for (;;) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) {
       result.timedOut = true;
       break;
     }
-    pollfd p{pipeFds[0], POLLIN, 0};
-    // Short slices: a program may leave a daemon behind that keeps the pipe open (adb's server
+    if (fds[0].fd < 0 && fds[1].fd < 0) {  // both streams ended: only the exit is left
+      exited = ::waitpid(pid, &status, 0) == pid;
+      break;
+    }
+    // Short slices: a program may leave a daemon behind that keeps the pipes open (adb's server
     // does), so the end of the output is not always an end of file; the program's exit is.
-    int ready = ::poll(&p, 1, static_cast<int>(std::min<long long>(left.count(), 50)));
+    int ready = ::poll(fds, 2, static_cast<int>(std::min<long long>(left.count(), 50)));
     if (ready > 0) {
-      ssize_t n = ::read(pipeFds[0], buf, sizeof(buf));
-      if (n > 0) {
-        AppendBounded(result.output, buf, static_cast<size_t>(n));
-        continue;
+      for (int i = 0; i < 2; ++i) {
+        if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+        ssize_t n = ::read(fds[i].fd, buf, sizeof(buf));
+        if (n > 0) {
+          AppendBounded(*sinks[i], buf, static_cast<size_t>(n));
+        } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
+          fds[i].fd = -1;  // this stream is finished; poll skips negative descriptors
+        }
       }
-      if (n == 0) {  // every writer is gone
-        exited = ::waitpid(pid, &status, 0) == pid;
-        break;
-      }
+      continue;
     }
     if (::waitpid(pid, &status, WNOHANG) == pid) {
       exited = true;
-      // Whatever is still buffered in the pipe belongs to the output.
-      ::fcntl(pipeFds[0], F_SETFL, O_NONBLOCK);
-      ssize_t n;
-      while ((n = ::read(pipeFds[0], buf, sizeof(buf))) > 0) AppendBounded(result.output, buf, static_cast<size_t>(n));
+      drainAll();  // whatever is still buffered in the pipes belongs to the output
       break;
     }
   }
@@ -118,7 +136,8 @@ CommandResult RunCommandLine(const std::wstring& commandLine, uint32_t timeoutMs
     ::kill(pid, SIGKILL);
     ::waitpid(pid, &status, 0);
   }
-  ::close(pipeFds[0]);
+  ::close(outFds[0]);
+  ::close(errFds[0]);
   if (exited && WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
   return result;
 }
@@ -132,6 +151,17 @@ uint32_t FindProcessByName(const std::wstring& exeName) {
     if (!base.empty() && base == name) return pid;
   }
   return 0;
+}
+
+std::vector<ProcessEntry> ListProcesses() {
+  std::vector<ProcessEntry> all;
+  for (uint32_t pid : ListPids()) {
+    std::string exe = ReadLink("/proc/" + std::to_string(pid) + "/exe");
+    if (exe.empty()) continue;  // a kernel thread, or a process we may not look into
+    size_t slash = exe.rfind('/');
+    all.push_back({pid, Utf8ToWide(slash == std::string::npos ? exe : exe.substr(slash + 1))});
+  }
+  return all;
 }
 
 std::wstring GetProcessPathByPid(uint32_t pid) {
@@ -187,4 +217,8 @@ std::map<std::string, std::string> ListeningTcpPortOwners() {
   return owners;
 }
 
+}  // namespace lumo
+
+namespace lumo {
+std::wstring ExecutableFileName(const std::wstring& base) { return base; }
 }  // namespace lumo

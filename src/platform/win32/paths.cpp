@@ -49,3 +49,15 @@ bool RenameFile(const std::wstring& from, const std::wstring& to) {
 }
 
 }  // namespace lumo
+
+namespace lumo {
+
+std::wstring ResolvedPath(const std::wstring& path) { return path; }
+
+std::wstring FindOnPath(const std::wstring& program) {
+  wchar_t found[MAX_PATH];
+  DWORD n = SearchPathW(nullptr, program.c_str(), L".exe", MAX_PATH, found, nullptr);
+  return n > 0 && n < MAX_PATH ? std::wstring(found, n) : std::wstring();
+}
+
+}  // namespace lumo

@@ -19,8 +19,16 @@ CommandResult RunCommandLine(const std::wstring& commandLine, uint32_t timeoutMs
   if (commandLine.empty()) return result;
   SECURITY_ATTRIBUTES sa{sizeof(sa), nullptr, TRUE};
   HANDLE readEnd = nullptr, writeEnd = nullptr;
+  HANDLE errRead = nullptr, errWrite = nullptr;
   if (!CreatePipe(&readEnd, &writeEnd, &sa, 0)) return result;
-  SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);  // only the child's end is inherited
+  if (!CreatePipe(&errRead, &errWrite, &sa, 0)) {
+    CloseHandle(readEnd);
+    CloseHandle(writeEnd);
+    return result;
+  }
+  // Only the child's ends are inherited.
+  SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
+  SetHandleInformation(errRead, HANDLE_FLAG_INHERIT, 0);
   HANDLE nul = CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &sa, OPEN_EXISTING, 0, nullptr);
 
   STARTUPINFOW si{};
@@ -29,7 +37,7 @@ CommandResult RunCommandLine(const std::wstring& commandLine, uint32_t timeoutMs
   si.wShowWindow = SW_HIDE;
   si.hStdInput = nul;
   si.hStdOutput = writeEnd;
-  si.hStdError = writeEnd;
+  si.hStdError = errWrite;
   PROCESS_INFORMATION pi{};
   std::vector<wchar_t> mutableLine(commandLine.begin(), commandLine.end());
   mutableLine.push_back(L'\0');
@@ -37,9 +45,11 @@ CommandResult RunCommandLine(const std::wstring& commandLine, uint32_t timeoutMs
                            &si, &pi);
   DWORD spawnError = GetLastError();
   CloseHandle(writeEnd);
+  CloseHandle(errWrite);
   if (nul != INVALID_HANDLE_VALUE) CloseHandle(nul);
   if (!ok) {
     CloseHandle(readEnd);
+    CloseHandle(errRead);
     SetLastError(spawnError);
     return result;
   }
@@ -48,14 +58,17 @@ CommandResult RunCommandLine(const std::wstring& commandLine, uint32_t timeoutMs
 
   ULONGLONG deadline = GetTickCount64() + timeoutMs;
   char buf[8192];
-  auto drain = [&] {
+  auto drainOne = [&](HANDLE pipe, std::string& sink) {
     DWORD avail = 0;
-    while (PeekNamedPipe(readEnd, nullptr, 0, nullptr, &avail, nullptr) && avail > 0) {
+    while (PeekNamedPipe(pipe, nullptr, 0, nullptr, &avail, nullptr) && avail > 0) {
       DWORD got = 0;
-      if (!ReadFile(readEnd, buf, std::min<DWORD>(avail, sizeof(buf)), &got, nullptr) || got == 0) break;
-      if (result.output.size() < kMaxCommandOutput)
-        result.output.append(buf, std::min<size_t>(got, kMaxCommandOutput - result.output.size()));
+      if (!ReadFile(pipe, buf, std::min<DWORD>(avail, sizeof(buf)), &got, nullptr) || got == 0) break;
+      if (sink.size() < kMaxCommandOutput) sink.append(buf, std::min<size_t>(got, kMaxCommandOutput - sink.size()));
     }
+  };
+  auto drain = [&] {
+    drainOne(readEnd, result.output);
+    drainOne(errRead, result.errors);
   };
   bool exited = false;
   for (;;) {
@@ -78,6 +91,7 @@ CommandResult RunCommandLine(const std::wstring& commandLine, uint32_t timeoutMs
   if (exited && GetExitCodeProcess(pi.hProcess, &code)) result.exitCode = static_cast<int>(code);
   CloseHandle(pi.hProcess);
   CloseHandle(readEnd);
+  CloseHandle(errRead);
   return result;
 }
 
@@ -95,6 +109,18 @@ uint32_t FindProcessByName(const std::wstring& exeName) {
   }
   CloseHandle(snapshot);
   return pid;
+}
+
+std::vector<ProcessEntry> ListProcesses() {
+  std::vector<ProcessEntry> all;
+  HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+  if (snapshot == INVALID_HANDLE_VALUE) return all;
+  PROCESSENTRY32W entry{};
+  entry.dwSize = sizeof(entry);
+  for (BOOL more = Process32FirstW(snapshot, &entry); more; more = Process32NextW(snapshot, &entry))
+    all.push_back({entry.th32ProcessID, entry.szExeFile});
+  CloseHandle(snapshot);
+  return all;
 }
 
 std::wstring GetProcessPathByPid(uint32_t pid) {
@@ -166,4 +192,8 @@ std::map<std::string, std::string> ListeningTcpPortOwners() {
   return owners;
 }
 
+}  // namespace lumo
+
+namespace lumo {
+std::wstring ExecutableFileName(const std::wstring& base) { return base + L".exe"; }
 }  // namespace lumo
