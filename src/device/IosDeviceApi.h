@@ -36,6 +36,9 @@ class IosDeviceApi {
   virtual int ReceiveTimeout(idevice_connection_t connection, char* data, uint32_t len, uint32_t* received,
                              unsigned int timeoutMs) = 0;
   virtual int Receive(idevice_connection_t connection, char* data, uint32_t len, uint32_t* received) = 0;
+  // Shuts the connection's socket down so that a receive blocked on it returns at once; the
+  // connection stays valid until Disconnect.
+  virtual void Shutdown(idevice_connection_t connection) = 0;
 };
 
 // The system's libimobiledevice (linked or loaded).

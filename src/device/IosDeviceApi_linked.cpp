@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "device/IosDeviceApi.h"
+#include "platform/socket.h"
 
 namespace lumo {
 namespace {
@@ -37,6 +38,10 @@ class LinkedIosDeviceApi final : public IosDeviceApi {
   }
   int Receive(idevice_connection_t connection, char* data, uint32_t len, uint32_t* received) override {
     return idevice_connection_receive(connection, data, len, received);
+  }
+  void Shutdown(idevice_connection_t connection) override {
+    int fd = -1;
+    if (idevice_connection_get_fd(connection, &fd) == 0 && fd >= 0) ShutdownSocket(fd);
   }
 };
 

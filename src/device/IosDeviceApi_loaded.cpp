@@ -8,6 +8,7 @@
 #include "platform/dynamic_library.h"
 #include "platform/errors.h"
 #include "platform/paths.h"
+#include "platform/socket.h"
 #include "platform/text.h"
 
 namespace lumo {
@@ -52,6 +53,10 @@ class LoadedIosDeviceApi final : public IosDeviceApi {
   int Receive(idevice_connection_t connection, char* data, uint32_t len, uint32_t* received) override {
     return Call(m_receive, connection, data, len, received);
   }
+  void Shutdown(idevice_connection_t connection) override {
+    int fd = -1;
+    if (Call(m_getFd, connection, &fd) == 0 && fd >= 0) ShutdownSocket(fd);
+  }
 
  private:
   template <typename F, typename... A>
@@ -85,7 +90,7 @@ class LoadedIosDeviceApi final : public IosDeviceApi {
                    Bind(m_lockdownFree, "lockdownd_client_free") && Bind(m_connect, "idevice_connect") &&
                    Bind(m_disconnect, "idevice_disconnect") && Bind(m_send, "idevice_connection_send") &&
                    Bind(m_receiveTimeout, "idevice_connection_receive_timeout") &&
-                   Bind(m_receive, "idevice_connection_receive"))) {
+                   Bind(m_receive, "idevice_connection_receive") && Bind(m_getFd, "idevice_connection_get_fd"))) {
         CloseDynamicLibrary(m_library);
         m_library = nullptr;
         m_getDeviceList = nullptr;  // every call then answers kNotLoaded
@@ -109,6 +114,7 @@ class LoadedIosDeviceApi final : public IosDeviceApi {
   int (*m_send)(idevice_connection_t, const char*, uint32_t, uint32_t*) = nullptr;
   int (*m_receiveTimeout)(idevice_connection_t, char*, uint32_t, uint32_t*, unsigned int) = nullptr;
   int (*m_receive)(idevice_connection_t, char*, uint32_t, uint32_t*) = nullptr;
+  int (*m_getFd)(idevice_connection_t, int*) = nullptr;
 };
 
 }  // namespace

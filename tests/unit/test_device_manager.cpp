@@ -10,72 +10,13 @@
 #include "device/IosDeviceApi.h"
 #include "platform/process.h"
 #include "support/FakeHost.h"
+#include "support/FakeIosApi.h"
 
 namespace {
 
 using lumo::test::FakeHost;
 
-// Phones by UDID; a handle is a distinct address per open, so frees can be counted and checked.
-class FakeIosApi : public lumo::IosDeviceApi {
- public:
-  std::vector<std::string> udids;
-  std::map<std::string, std::string> names;  // absent: lockdown answers with an error
-  std::set<std::string> unopenable;
-  int listError = 0;
-  std::set<idevice_t> open;
-  int listsOut = 0, clientsOut = 0;
-
-  FakeIosApi() { lumo::SetIosDeviceApi(this); }
-  ~FakeIosApi() override { lumo::SetIosDeviceApi(nullptr); }
-
-  bool Available(std::string&) override { return true; }
-  int GetDeviceList(char*** list, int* count) override {
-    if (listError) return listError;
-    *list = static_cast<char**>(std::calloc(udids.size() + 1, sizeof(char*)));
-    for (size_t i = 0; i < udids.size(); ++i) (*list)[i] = strdup(udids[i].c_str());
-    *count = static_cast<int>(udids.size());
-    ++listsOut;
-    return 0;
-  }
-  int DeviceListFree(char** list) override {
-    for (char** p = list; *p; ++p) std::free(*p);
-    std::free(list);
-    --listsOut;
-    return 0;
-  }
-  int NewDevice(idevice_t* device, const char* udid) override {
-    if (unopenable.count(udid)) return -3;
-    *device = reinterpret_cast<idevice_t>(new std::string(udid));
-    open.insert(*device);
-    return 0;
-  }
-  int FreeDevice(idevice_t device) override {
-    EXPECT_EQ(open.erase(device), 1u) << "freed twice or never opened";
-    delete reinterpret_cast<std::string*>(device);
-    return 0;
-  }
-  int LockdownClientNew(idevice_t device, lockdownd_client_t* client) override {
-    *client = reinterpret_cast<lockdownd_client_t>(device);
-    ++clientsOut;
-    return 0;
-  }
-  int LockdownGetDeviceName(lockdownd_client_t client, char** name) override {
-    auto it = names.find(*reinterpret_cast<std::string*>(client));
-    if (it == names.end()) return -4;
-    *name = strdup(it->second.c_str());
-    return 0;
-  }
-  int LockdownClientFree(lockdownd_client_t) override {
-    --clientsOut;
-    return 0;
-  }
-  void FreeText(char* text) override { std::free(text); }
-  int Connect(idevice_t, uint16_t, idevice_connection_t*) override { return -2; }
-  int Disconnect(idevice_connection_t) override { return 0; }
-  int Send(idevice_connection_t, const char*, uint32_t, uint32_t*) override { return -1; }
-  int ReceiveTimeout(idevice_connection_t, char*, uint32_t, uint32_t*, unsigned int) override { return -1; }
-  int Receive(idevice_connection_t, char*, uint32_t, uint32_t*) override { return -1; }
-};
+using lumo::test::FakeIosApi;
 
 lumo::HostCommandResult Printed(const std::string& text) {
   lumo::HostCommandResult r;
