@@ -1,5 +1,11 @@
 #include "device/AdbOutputParser.h"
 
+// GCC 12 warns of a "maybe uninitialized" value inside its own std::regex when optimising with
+// the sanitizers on; the warning is about the library's code, not ours.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
 #include <regex>
 
 #include "device/HostTools.h"

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "AdbDevice.h"
 #include "AudioEncoder.h"
 #include "Camera.h"
 #include "TimestampBlocks.h"
@@ -12,6 +13,8 @@ namespace lumo::phonesim {
 namespace {
 
 std::unique_ptr<PhoneTransport> MakeTransport(const PhoneSimOptions& options) {
+  if (options.transport == "adb") return MakeAdbDeviceTransport(options);
+  if (options.transport == "usbmux") return MakeUsbmuxTransport(options);
   return options.transport == "kcp" ? MakeKcpTransport(options) : MakeTcpTransport(options);
 }
 

@@ -39,5 +39,7 @@ constexpr uint32_t kMaxFrameFromPc = 1u << 20;
 std::unique_ptr<PhoneTransport> MakeTcpTransport(const PhoneSimOptions& options);
 // WiFi: one KCP conversation over UDP to the PC's port; the phone speaks first.
 std::unique_ptr<PhoneTransport> MakeKcpTransport(const PhoneSimOptions& options);
+// iPhone over USB: a usbmuxd of our own, whose tunnels to the app's ports are the links.
+std::unique_ptr<PhoneTransport> MakeUsbmuxTransport(const PhoneSimOptions& options);
 
 }  // namespace lumo::phonesim

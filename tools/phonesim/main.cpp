@@ -1,5 +1,7 @@
 // lumo-phonesim: the phone app's side of the link, for working without a phone.
 #include <atomic>
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -13,6 +15,7 @@ extern "C" {
 }
 
 #include "PhoneSim.h"
+#include "Usbmuxd.h"
 
 using namespace lumo::phonesim;
 
@@ -33,6 +36,24 @@ Link
   --port N                 tcp: port to listen on (default 8182; 0 picks a free one);
                            kcp: our own UDP port (default 8182; 0 picks a free one)
   --pc A.B.C.D[:PORT]      kcp: where the PC listens (default 127.0.0.1:10099); the phone speaks first
+iPhone over USB (a usbmuxd of our own; the PC's libimobiledevice finds it through
+USBMUXD_SOCKET_ADDRESS, printed at start; the app answers on device ports 2345 and 2346)
+  --usbmuxd SOCKET         listen as usbmuxd on SOCKET: a path (or UNIX:/path) or A.B.C.D:PORT
+                           (port 0 picks a free one); implies --ios
+  --udid UDID              a phone with this UDID (repeat for more; default 00008110-001A2B3C4D5E6F70)
+  --ios-name TEXT          lockdown DeviceName (default "LumoSim iPhone"; further phones get " 2", " 3")
+  --ios-product TEXT       lockdown ProductType (default iPhone14,2)
+  --detach-at MS           unplug every phone MS ms after start (listeners hear Detached)
+Android phone over adb (a device on an emulator port that the PC's real adb lists, queries
+and forwards to; the app answers on device ports 8182 and 8183)
+  --adb-device [PORT]      be an adb device on 127.0.0.1:PORT (default 5555; the serial is
+                           emulator-<PORT-1>; 5557 makes a second phone, emulator-5556)
+  --adb-product TEXT       ro.product.name (default lumosim)
+  --adb-model TEXT         ro.product.model (default LumoSim_Phone)
+  --adb-device-name TEXT   ro.product.device (default lumosim)
+  --app-package NAME       the app's package in "pm list package -3" and "ps" (default com.lumo.hqcamera)
+  --app-not-installed      the app is missing: not listed, not running, its ports refuse
+  --app-not-running        the app is installed but not running: not in "ps", its ports refuse
 Identity
   --phone-name TEXT        2004 "phoneName" (default LumoSim,1)
   --sys-ver TEXT           2004 "sysVer" (default 13)
@@ -85,7 +106,14 @@ bool ParseIpv4(const char* text, uint32_t& out) {
   return true;
 }
 
-bool ParseFlags(int argc, char** argv, PhoneSimOptions& o, double& duration, bool& quiet) {
+bool ValidUdid(const std::string& udid) {
+  if (udid.empty() || udid.size() > 40) return false;  // the PC's device records hold 40 characters
+  for (char c : udid)
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-') return false;
+  return true;
+}
+
+bool ParseFlags(int argc, char** argv, PhoneSimOptions& o, double& duration, bool& quiet, long long& detachAtMs) {
   for (int i = 1; i < argc; ++i) {
     const std::string flag = argv[i];
     if (flag == "--help" || flag == "-h") {
@@ -95,6 +123,22 @@ bool ParseFlags(int argc, char** argv, PhoneSimOptions& o, double& duration, boo
     if (flag == "--ios") { o.isIOS = true; continue; }
     if (flag == "--no-stamp") { o.stampFrames = false; continue; }
     if (flag == "--quiet") { quiet = true; continue; }
+    if (flag == "--app-not-installed") { o.appInstalled = false; continue; }
+    if (flag == "--app-not-running") { o.appRunning = false; continue; }
+    if (flag == "--adb-device") {
+      // The port is optional: a number right after the flag is taken as it.
+      o.transport = "adb";
+      o.adbDevicePort = 5555;
+      if (i + 1 < argc && std::isdigit(static_cast<unsigned char>(argv[i + 1][0]))) {
+        const long port = std::strtol(argv[++i], nullptr, 10);
+        if (port <= 0 || port > 65535) {
+          std::fprintf(stderr, "lumo-phonesim: bad value for --adb-device: %s\n", argv[i]);
+          return false;
+        }
+        o.adbDevicePort = static_cast<uint16_t>(port);
+      }
+      continue;
+    }
     if (i + 1 >= argc) {
       std::fprintf(stderr, "lumo-phonesim: %s needs a value (see --help)\n", flag.c_str());
       return false;
@@ -113,6 +157,15 @@ bool ParseFlags(int argc, char** argv, PhoneSimOptions& o, double& duration, boo
       }
       ok = ok && ParseIpv4(text.c_str(), o.pcAddress);
     }
+    else if (flag == "--usbmuxd") o.transport = "usbmux", o.usbmuxdAddress = v, o.isIOS = true, ok = *v != '\0';
+    else if (flag == "--udid") ok = ValidUdid(v), o.udids.push_back(v);
+    else if (flag == "--ios-name") o.iosDeviceName = v;
+    else if (flag == "--ios-product") o.iosProductType = v;
+    else if (flag == "--detach-at") ok = (detachAtMs = std::atoll(v)) >= 0;
+    else if (flag == "--adb-product") o.adbProduct = v;
+    else if (flag == "--adb-model") o.adbModel = v;
+    else if (flag == "--adb-device-name") o.adbDevice = v;
+    else if (flag == "--app-package") ok = *v != '\0', o.appPackage = v;
     else if (flag == "--bind") ok = ParseIpv4(v, o.bindAddress);
     else if (flag == "--port") o.port = static_cast<uint16_t>(std::atoi(v)), ok = std::atoi(v) >= 0 && std::atoi(v) < 65536;
     else if (flag == "--phone-name") o.phoneName = v;
@@ -182,11 +235,20 @@ int main(int argc, char** argv) {
   PhoneSimOptions options;
   double duration = 0;
   bool quiet = false;
-  if (!ParseFlags(argc, argv, options, duration, quiet)) return 2;
+  long long detachAtMs = -1;
+  if (!ParseFlags(argc, argv, options, duration, quiet, detachAtMs)) return 2;
   std::signal(SIGINT, OnSignal);
   std::signal(SIGTERM, OnSignal);
 
-  PhoneSim sim(options);
+  // The usbmux transport is made here rather than by the simulator, so that a detach can reach it.
+  UsbmuxTransport* usbmux = nullptr;
+  std::unique_ptr<PhoneTransport> transport;
+  if (options.transport == "usbmux") {
+    auto made = std::make_unique<UsbmuxTransport>(options);
+    usbmux = made.get();
+    transport = std::move(made);
+  }
+  PhoneSim sim(options, std::move(transport));
   std::string error;
   if (!sim.Start(error)) {
     std::fprintf(stderr, "lumo-phonesim: %s\n", error.c_str());
@@ -194,9 +256,23 @@ int main(int argc, char** argv) {
   }
   std::fprintf(stderr, "lumo-phonesim: %s %s\n", options.transport == "kcp" ? "talking to the PC over" : "waiting for the PC on",
                sim.Status().transport.c_str());
+  if (usbmux != nullptr)
+    std::fprintf(stderr, "lumo-phonesim: export USBMUXD_SOCKET_ADDRESS=%s\n", usbmux->Daemon().Address().c_str());
   const auto start = std::chrono::steady_clock::now();
   while (!g_interrupted) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    auto nap = std::chrono::milliseconds(500);
+    const auto detachAt = start + std::chrono::milliseconds(detachAtMs);
+    if (usbmux != nullptr && detachAtMs >= 0) {
+      const auto now = std::chrono::steady_clock::now();
+      if (now >= detachAt) {
+        usbmux->Daemon().Detach("");
+        detachAtMs = -1;
+        if (!quiet) std::fputs("\nlumo-phonesim: every phone unplugged\n", stderr);
+      } else {
+        nap = std::min(nap, std::chrono::duration_cast<std::chrono::milliseconds>(detachAt - now) + std::chrono::milliseconds(1));
+      }
+    }
+    std::this_thread::sleep_for(nap);
     if (!quiet) PrintStatus(sim.Status(), false);
     if (duration > 0 && std::chrono::steady_clock::now() - start >= std::chrono::duration<double>(duration)) break;
   }
