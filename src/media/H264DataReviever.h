@@ -9,6 +9,8 @@
 //   saveH264   1 dumps every pushed packet to phoneData.h264/.h265 in the product data folder.
 #pragma once
 
+#include <functional>
+
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
@@ -50,6 +52,11 @@ class H264DataReviever {
   void SetConsumer(lumo::WorkerThread* consumer);
   // Clears the consumer when it is `consumer` (another decoder may have taken the place).
   void DropConsumer(lumo::WorkerThread* consumer);
+  // Called on the transport's thread each time a packet was queued, with its phone timestamp:
+  // for a host or a benchmark that measures arrival to picture. Set it while no capture runs.
+  void SetPushObserver(std::function<void(unsigned long long timestamp)> observer) {
+    m_pushObserver = std::move(observer);
+  }
   // Returns every waiting packet to the free pool.
   void OnStopCapture();
 
@@ -100,6 +107,7 @@ class H264DataReviever {
   std::atomic<bool> m_gotIFrame{false};
   lumo::AutoResetEvent m_event;
   lumo::WorkerThread* m_consumer = nullptr;  // under m_lock
+  std::function<void(unsigned long long)> m_pushObserver;
   std::atomic<unsigned long long> m_byteCounter{0};
   std::atomic<unsigned long long> m_lastBitrateTick{0};
   FILE* m_dumpFile = nullptr;

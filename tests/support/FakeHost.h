@@ -151,4 +151,13 @@ class FakeHost : public HostServices {
   bool m_echo = false;
 };
 
+// What a scripted command printed on its standard output, having run to its end.
+inline HostCommandResult Printed(const std::string& text) {
+  HostCommandResult r;
+  r.started = true;
+  r.exitCode = 0;
+  r.output = text;
+  return r;
+}
+
 }  // namespace lumo::test

@@ -3,6 +3,7 @@
 // sees exactly what the phone put on the wire, in order.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <json/json.h>
 
 #include <cstdint>
@@ -115,5 +116,26 @@ class PcPeer {
   SocketHandle m_socket = kInvalidSocket;
   uint32_t m_sequence = 0;
 };
+
+// The handshake as the library drives it, on any PC peer with Send/Await/Read: 1005, the time
+// match, the phone's net tests echoed until it reports prepared (2006), then 1006 and 1004.
+template <class Peer>
+void DriveHandshake(Peer& pc, uint64_t pcTimeMs = 1700000000000ull) {
+  ASSERT_TRUE(pc.Send(1005));
+  ASSERT_TRUE(pc.Await(2001));
+  Json::Value match(Json::objectValue);
+  match["cmdType"] = 1001, match["timestamp"] = Json::UInt64(pcTimeMs);
+  ASSERT_TRUE(pc.Send(match));
+  for (PhoneFrame f; f.CmdType() != 2006;) {
+    ASSERT_TRUE(pc.Read(f));
+    if (f.CmdType() != 2000) continue;
+    Json::Value echo = f.json;
+    echo["cmdType"] = 1000;
+    ASSERT_TRUE(pc.Send(echo));
+  }
+  ASSERT_TRUE(pc.Send(1006));
+  ASSERT_TRUE(pc.Send(1004));
+  ASSERT_TRUE(pc.Await(2004));
+}
 
 }  // namespace lumo::test

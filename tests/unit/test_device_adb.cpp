@@ -20,13 +20,7 @@ namespace {
 using lumo::HostCommandResult;
 using lumo::test::FakeHost;
 
-HostCommandResult Printed(const std::string& text) {
-  HostCommandResult r;
-  r.started = true;
-  r.exitCode = 0;
-  r.output = text;
-  return r;
-}
+using lumo::test::Printed;
 
 // Debian's adb 29 as captured on Linux (LF line ends; the runner makes them CRLF). The listing
 // with phones follows adb's own column layout: the serial padded to 22, then the state.

@@ -18,13 +18,7 @@ using lumo::test::FakeHost;
 
 using lumo::test::FakeIosApi;
 
-lumo::HostCommandResult Printed(const std::string& text) {
-  lumo::HostCommandResult r;
-  r.started = true;
-  r.exitCode = 0;
-  r.output = text;
-  return r;
-}
+using lumo::test::Printed;
 
 struct ManagerWorld {
   FakeHost host;

@@ -256,26 +256,6 @@ TEST(PhonesimAdbProtocol, GarbageEndsTheConnectionAndUnknownServicesAreRefused) 
   device->Stop();
 }
 
-// Brings a session up as the library does: 1005, the time match, the echoed net tests, 1006, 1004.
-void Handshake(PcPeer& pc) {
-  ASSERT_TRUE(pc.Send(1005));
-  ASSERT_TRUE(pc.Await(2001));
-  Json::Value match(Json::objectValue);
-  match["cmdType"] = 1001;
-  match["timestamp"] = Json::UInt64(1700000000000ull);
-  ASSERT_TRUE(pc.Send(match));
-  for (PhoneFrame f; f.CmdType() != 2006;) {
-    ASSERT_TRUE(pc.Read(f));
-    if (f.CmdType() != 2000) continue;
-    Json::Value echo = f.json;
-    echo["cmdType"] = 1000;
-    ASSERT_TRUE(pc.Send(echo));
-  }
-  ASSERT_TRUE(pc.Send(1006));
-  ASSERT_TRUE(pc.Send(1004));
-  ASSERT_TRUE(pc.Await(2004));
-}
-
 TEST(PhonesimAdbDevice, ListedWithItsIdentityAndAnswersAsTheAppIs) {
   ASSERT_TRUE(AdbTool::Available()) << AdbTool::Program() << " is missing (scripts/install-deps installs it)";
   AdbTool adb;
@@ -338,7 +318,7 @@ TEST(PhonesimAdbForward, WholeSessionThroughAForwardAndAgainAfterTheServerRestar
   {
     PcPeer pc;
     ASSERT_TRUE(pc.Connect(8181));
-    Handshake(pc);
+    ASSERT_NO_FATAL_FAILURE(test::DriveHandshake(pc));
     Json::Value content(Json::objectValue);
     content["cmdType"] = 1013;
     content["width"] = 640, content["height"] = 360, content["fps"] = 30, content["bitRate"] = 1000000;

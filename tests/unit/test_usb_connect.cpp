@@ -31,13 +31,7 @@ std::string IosMessage(const std::string& frame) {
   return IosMessage(frame, static_cast<uint32_t>(frame.size()), static_cast<uint32_t>(frame.size() + 4));
 }
 
-lumo::HostCommandResult Printed(const std::string& text) {
-  lumo::HostCommandResult r;
-  r.started = true;
-  r.exitCode = 0;
-  r.output = text;
-  return r;
-}
+using lumo::test::Printed;
 
 class Callback : public IUSBEventCallback {
  public:
