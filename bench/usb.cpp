@@ -236,6 +236,7 @@ int main(int argc, char** argv) {
       std::fflush(stdout);
     }
   }
+  PhoneDataParse::GetInstance()->CancelDelayedWork();  // no retry may log into the host below
   lumo::SetHostServices(nullptr);
   return rc;
 }

@@ -87,6 +87,9 @@ struct UsbSessionWorld {
     CAudioDecoder::GetInstance(1)->StopDecode();
     usb.reset();
     devices.reset();
+    // The process-wide parser outlives this world: its capture retries must not log into the
+    // fake host after it is gone.
+    parser->CancelDelayedWork();
     parser->SetUSBCallback(nullptr);
     lumo::test::UnsetEnv("LUMO_AUDIO_OUTPUT");
   }
