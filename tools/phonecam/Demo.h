@@ -1,0 +1,10 @@
+// The reference host's commands.
+#pragma once
+
+namespace phonecam {
+// `demo`: both links against the built-in simulated phone. Non-zero when a session decoded no
+// video or no audio.
+int Demo(int argc, char** argv);
+// `devices`: the phones attached now, as a table or (--json) as the library reports them.
+int Devices(int argc, char** argv);
+}  // namespace phonecam
