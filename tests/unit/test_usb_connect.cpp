@@ -5,6 +5,7 @@
 
 #include <json/json.h>
 
+#include <chrono>
 #include <thread>
 
 #include "device/AdbSrvMgr.h"
@@ -259,6 +260,8 @@ TEST(UsbIos, SessionFramesBothWaysAndEndsCleanly) {
   ASSERT_TRUE(u.w.host.WaitForLog("[phoneVideo] CUSBConnectMgr IOS ReceiveProc exit"));
   EXPECT_EQ(u.callback.Errors(), std::vector<std::wstring>{L"联合开播连接失败，请检查设备和手机App开启了联合开播\n"
                                                            L"     （直播app - 我的 - 主播中心 - 联合开播）"});
+  // The thread clears the running flag just after its last log line.
+  for (int i = 0; i < 1000 && u.usb->IsRunning(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   EXPECT_FALSE(u.usb->IsRunning());
   u.StopSendingMsg();
   EXPECT_EQ(u.ios.disconnects, 2);
