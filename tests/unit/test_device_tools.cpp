@@ -14,6 +14,7 @@
 #include "device/HostTools.h"
 #include "platform/paths.h"
 #include "platform/process.h"
+#include "platform/socket.h"
 #include "platform/text.h"
 #include "support/FakeHost.h"
 #include "support/TempDir.h"
@@ -132,6 +133,21 @@ TEST_F(AdbServerReal, StopServerEndsOurServer) {
   EXPECT_TRUE(m_host.HasLog("[phoneVideo] stopServer"));
   EXPECT_TRUE(WaitFor([server] { return lumo::GetProcessPathByPid(server).empty(); }));
 }
+
+#if defined(LUMO_PHONECAM)
+// The reference host's doctor names a stranger that holds the adb port: here this very test.
+TEST_F(AdbServerReal, DoctorNamesAForeignHolderOfThePort) {
+  lumo::NetStartup();
+  lumo::SocketHandle stranger = lumo::OpenTcpSocket();
+  ASSERT_TRUE(lumo::BindSocket(stranger, {lumo::kIpv4Loopback, 5037}) && lumo::ListenSocket(stranger, 1));
+  lumo::CommandResult r = lumo::RunCommandLine(lumo::Utf8ToWide(LUMO_PHONECAM) + L" doctor", 30000);
+  lumo::CloseSocket(stranger);
+  EXPECT_NE(r.output.find("[warn] port 5037: held by pid " + std::to_string(lumo::CurrentProcessId()) + " ("),
+            std::string::npos)
+      << r.output;
+  EXPECT_NE(r.output.find("[ok] adb: "), std::string::npos) << r.output;
+}
+#endif
 
 }  // namespace
 #endif

@@ -7,4 +7,6 @@ namespace phonecam {
 int Demo(int argc, char** argv);
 // `devices`: the phones attached now, as a table or (--json) as the library reports them.
 int Devices(int argc, char** argv);
+// `doctor`: a checklist of what a session needs from this machine; non-zero when something blocks.
+int Doctor(int argc, char** argv);
 }  // namespace phonecam
