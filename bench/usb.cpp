@@ -5,7 +5,9 @@
 //   pc side   the packet queued for the decoder (its last byte received and parsed) to the pull;
 // and, side by side in the same run, the same packets decoded alone by FFmpeg on one thread.
 // After the first two seconds of the stream (start-up, reported apart), every pulled picture
-// counts; lost are the frame numbers missing between the first and the last of them. The host pulls as a renderer would, every millisecond. Arguments: --seconds N (per session, default 6), --quick (1080p only, 3 s).
+// counts; lost are the frame numbers missing between the first and the last of them. The host
+// pulls each picture as soon as the decoder signals it (WaitYuvData). Arguments: --seconds N
+// (per session, default 6), --quick (1080p only, 3 s).
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -55,6 +57,8 @@ struct Prepared : IUSBEventCallback, IWifiEventCallback {
   std::atomic<int> prepared{0};
 };
 
+// Polls, every 5 ms, set-up states that give no signal (a peer heard, a session prepared); the
+// measured part waits on the decoder's own signal.
 bool Until(const std::function<bool()>& ready, int seconds = 20) {
   for (int i = 0; i < seconds * 200; ++i) {
     if (ready()) return true;
@@ -147,11 +151,9 @@ Result RunSession(bool usb, const Scenario& s, double seconds, lumo::test::Quiet
     while (Steady::now() < end) {
       int width = 0, height = 0;
       unsigned long long ts = 0;
+      if (!decoder->WaitYuvData(10)) continue;  // woken by each picture
       unsigned char* yuv = decoder->GetYuvData(width, height, ts);
-      if (yuv == nullptr) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        continue;
-      }
+      if (yuv == nullptr) continue;
       const double now = NowUs();
       lumo::phonesim::FrameStamp stamp;
       if (!lumo::phonesim::ReadFrameStamp(yuv, width, width, height, stamp)) continue;

@@ -72,6 +72,10 @@ class LUMO_API CVideoDecoder {
   // The oldest ready picture as I420 (Y, then U, then V, no padding), or null with the
   // outputs untouched when none is ready.
   unsigned char* GetYuvData(int& width, int& height, unsigned long long& ts);
+  // Waits up to `timeoutMs` (real time: it paces a host's render thread) until a picture is
+  // ready for GetYuvData; true when one is. Lets a host render as pictures come instead of
+  // polling.
+  bool WaitYuvData(uint32_t timeoutMs);
   long long GetCurVideoFrameTs();
   bool GetVideoBufferFrameAvailableStat();
   void SetFps(unsigned int fps);
@@ -142,6 +146,7 @@ class LUMO_API CVideoDecoder {
   AVFrame* m_converted = nullptr;
 
   std::recursive_mutex m_lock;
+  std::condition_variable_any m_pictureReady;  // a picture was queued (waits under m_lock)
   unsigned char* m_frontBuffer = nullptr;
   size_t m_frontCapacity = 0;
   int m_width = 1080;

@@ -5,6 +5,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include <chrono>
 #include <climits>
 #include <cstring>
 #include <new>
@@ -186,7 +187,13 @@ bool CVideoDecoder::Decode(void* context, VID::VideoRawPkg* packet) {
     Log(LOG_INFO, "[phoneVideo]Decode first  frame width:%d, height:%d", width, height);
   }
   CopyI420(planes, linesizes, width, height, frame->data);
+  m_pictureReady.notify_all();
   return true;
+}
+
+bool CVideoDecoder::WaitYuvData(uint32_t timeoutMs) {
+  std::unique_lock<std::recursive_mutex> lock(m_lock);
+  return m_pictureReady.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return !m_readyFrames.empty(); });
 }
 
 unsigned char* CVideoDecoder::GetYuvData(int& width, int& height, unsigned long long& ts) {

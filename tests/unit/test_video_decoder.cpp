@@ -3,6 +3,10 @@
 // uncompressed, so every decoded byte is known exactly.
 #include <gtest/gtest.h>
 
+#include <thread>
+
+#include <atomic>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -454,6 +458,24 @@ TEST_F(VideoDecoderTest, ReadyQueueRecyclesTheOldestWhenTheHostPullsNone) {
   int w, h;
   unsigned long long ts;
   EXPECT_EQ(dec->GetYuvData(w, h, ts), nullptr);
+}
+
+TEST_F(VideoDecoderTest, WaitYuvDataWakesWhenAPictureIsQueued) {
+  ASSERT_TRUE(peer.Prepare());
+  EXPECT_FALSE(dec->WaitYuvData(0));
+  std::atomic<bool> waiting{false}, woke{false};
+  const auto start = std::chrono::steady_clock::now();
+  std::thread waiter([&] {
+    waiting = true;
+    woke = dec->WaitYuvData(30000);
+  });
+  while (!waiting) std::this_thread::yield();
+  const bool decoded = DecodePcm(48, 32, 1, 1);
+  waiter.join();
+  ASSERT_TRUE(decoded);
+  EXPECT_TRUE(woke);
+  // Woken by the picture, not by the end of its wait.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
 }
 
 TEST_F(VideoDecoderTest, SetFpsHalvesSixtyFramesPerSecond) {

@@ -11,11 +11,13 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -63,15 +65,28 @@ and audio decoded. An adb server that already runs is used as it is and left run
 )";
 
 struct Callback : IWifiEventCallback, IUSBEventCallback {
-  void OnPhonePrepared() override { ++prepared; }
+  void OnPhonePrepared() override {
+    std::lock_guard<std::mutex> guard(lock);
+    ++prepared;
+    preparedCv.notify_all();
+  }
+  // Waits (real time, at most `seconds`) for the phone to report prepared.
+  bool WaitPrepared(double seconds) {
+    std::unique_lock<std::mutex> guard(lock);
+    return preparedCv.wait_for(guard, std::chrono::duration<double>(seconds), [this] { return prepared > 0; });
+  }
   void OnCaptureStarted() override {}
   void OnWifiReserved() override {}
   void OnCameraParamsRefreshed(const Json::Value&, bool) override {}
   void OnAppStartProjection() override {}
   void OnConnectionError(const std::wstring&) override { ++linkErrors; }
-  std::atomic<int> prepared{0}, linkErrors{0};
+  std::mutex lock;
+  std::condition_variable preparedCv;
+  int prepared = 0;  // under lock
+  std::atomic<int> linkErrors{0};
 };
 
+// Polls what gives no signal (another program's state, a peer's first datagram) every 5 ms.
 bool WaitFor(const std::function<bool()>& ready, double seconds) {
   const auto end = Steady::now() + std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(seconds));
   while (!ready()) {
@@ -107,7 +122,10 @@ void Pull(Session& s, double seconds, bool quiet, const std::function<std::strin
   while ((s.seconds = std::chrono::duration<double>(Steady::now() - start).count()) < seconds) {
     int width = 0, height = 0;
     unsigned long long ts = 0;
-    if (unsigned char* yuv = decoder->GetYuvData(width, height, ts)) {
+    // A render thread woken by each picture (or every 10 ms, for the status line).
+    if (!decoder->WaitYuvData(10)) {
+      // nothing yet
+    } else if (unsigned char* yuv = decoder->GetYuvData(width, height, ts)) {
       ++s.pictures;
       shownWidth = width, shownHeight = height;
       lumo::phonesim::FrameStamp stamp;
@@ -119,8 +137,6 @@ void Pull(Session& s, double seconds, bool quiet, const std::function<std::strin
       } else {
         ++s.unreadable;
       }
-    } else {
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));  // a renderer's pace
     }
     if (!quiet && Steady::now() >= nextStatus) {
       const auto counts = CPhoneCameraCtrl::GetInstance()->GetFrameCounts();
@@ -167,7 +183,7 @@ Session WifiSession(lumo::phonesim::PhoneSimOptions phone, double seconds, doubl
     s.error = "the phone was never heard on port 10099";
   if (s.error.empty()) {
     parser->StartConnect(PHONE_DATA_SOURCE_WIFI);
-    if (!WaitFor([&callback] { return callback.prepared > 0; }, 10)) s.error = "the phone did not finish its handshake";
+    if (!callback.WaitPrepared(10)) s.error = "the phone did not finish its handshake";
   }
   if (s.error.empty()) {
     wifi->SetConnected(true);
@@ -243,7 +259,7 @@ Session UsbSession(lumo::phonesim::PhoneSimOptions phone, double seconds, bool q
     s.error = "adb never listed the simulated phone " + lumo::WideToUtf8(serial);
   } else if (!usb->Start(PHONE_TYPE_ANDROID, listed)) {
     s.error = "the USB connection did not start (is port 8181 free?)";
-  } else if (!WaitFor([&callback] { return callback.prepared > 0; }, 10)) {
+  } else if (!callback.WaitPrepared(10)) {
     s.error = "the phone did not finish its handshake";
   } else {
     // Capture is started by the library once the phone is prepared; audio is the host's.
