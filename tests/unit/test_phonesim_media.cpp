@@ -32,28 +32,6 @@ Json::Value Command(int type) {
   return v;
 }
 
-// Brings a session up as the library does: 1005, the time match, the echoed net tests, 1006, 1004.
-void Handshake(PcPeer& pc, uint64_t pcTimeMs) {
-  ASSERT_TRUE(pc.Send(1005));
-  ASSERT_TRUE(pc.Await(2001));
-  Json::Value match = Command(1001);
-  match["timestamp"] = Json::UInt64(pcTimeMs);
-  ASSERT_TRUE(pc.Send(match));
-  Json::Value test;
-  for (;;) {
-    PhoneFrame f;
-    ASSERT_TRUE(pc.Read(f));
-    if (f.CmdType() == 2006) break;
-    if (f.CmdType() != 2000) continue;
-    Json::Value echo = f.json;
-    echo["cmdType"] = 1000;
-    ASSERT_TRUE(pc.Send(echo));
-  }
-  ASSERT_TRUE(pc.Send(1006));
-  ASSERT_TRUE(pc.Send(1004));
-  ASSERT_TRUE(pc.Await(2004));
-}
-
 TEST(PhoneSimSession, HandshakeInOrderWithItsMembersAndCountingPings) {
   PhoneSimOptions o = TestOptions();
   o.phoneName = "Pixel 7";
@@ -65,7 +43,7 @@ TEST(PhoneSimSession, HandshakeInOrderWithItsMembersAndCountingPings) {
   ASSERT_TRUE(sim.Start(error)) << error;
   PcPeer pc;
   ASSERT_TRUE(pc.Connect(sim.Port()));
-  Handshake(pc, 1700000000000ull);
+  ASSERT_NO_FATAL_FAILURE(test::DriveHandshake(pc, 1700000000000ull));
 
   EXPECT_EQ(pc.CommandTypes(), (std::vector<int>{2005, 2001, 2000, 2000, 2000, 2006, 2004}));
   std::vector<uint32_t> pings, sequences;
@@ -101,7 +79,7 @@ TEST(PhoneSimSession, AdoptsThePcClockWithItsSkewAndStampsEveryPicture) {
   PcPeer pc;
   ASSERT_TRUE(pc.Connect(sim.Port()));
   const uint64_t pcTime = 0x1234FFFFFF00ull;  // the low 32 bits wrap within the first second
-  Handshake(pc, pcTime);
+  ASSERT_NO_FATAL_FAILURE(test::DriveHandshake(pc, pcTime));
   Json::Value content = Command(1013);
   content["width"] = 640, content["height"] = 360, content["fps"] = 30, content["bitRate"] = 1000000;
   ASSERT_TRUE(pc.Send(content));

@@ -115,6 +115,20 @@ struct UsbSessionWorld {
     ASSERT_TRUE(Until([] { return CPhoneCameraCtrl::GetInstance()->GetFrameCounts().decodedAudio > 10; }));
   }
 
+  // Twenty short sessions: together they leave no thread and no socket behind.
+  void CyclesLeaveNothingBehind(ePhoneType type, const std::wstring& id) {
+    const size_t threads = CountEntries("/proc/self/task"), fds = CountEntries("/proc/self/fd");
+    for (int i = 0; i < 20; ++i) {
+      const int before = callback.prepared;
+      ASSERT_TRUE(usb->Start(type, id)) << i;
+      ASSERT_TRUE(Until([&] { return callback.prepared > before; })) << i;
+      usb->Stop(false);
+    }
+    EXPECT_TRUE(Until([&] { return CountEntries("/proc/self/task") <= threads && CountEntries("/proc/self/fd") <= fds; }, 5))
+        << CountEntries("/proc/self/task") << " threads (" << threads << "), " << CountEntries("/proc/self/fd")
+        << " fds (" << fds << ")";
+  }
+
   FakeHost host;
   lumo::test::ScopedAppData dir;
   PhoneDataParse* parser = PhoneDataParse::GetInstance();
@@ -156,17 +170,7 @@ TEST(UsbAndroidSession, ThroughTheRealAdbForwardThenCyclesLeaveNothingBehind) {
   std::error_code ec;
   EXPECT_GT(std::filesystem::file_size(w.dir.path + "/audio-1.wav", ec), 44u) << ec.message();
 
-  // Twenty short sessions: each leaves no thread and no socket behind.
-  const size_t threads = CountEntries("/proc/self/task"), fds = CountEntries("/proc/self/fd");
-  for (int i = 0; i < 20; ++i) {
-    const int prepared = w.callback.prepared;
-    ASSERT_TRUE(w.usb->Start(PHONE_TYPE_ANDROID, serial)) << i;
-    ASSERT_TRUE(Until([&] { return w.callback.prepared > prepared; })) << i;
-    w.usb->Stop(false);
-  }
-  EXPECT_TRUE(Until([&] { return CountEntries("/proc/self/task") <= threads && CountEntries("/proc/self/fd") <= fds; }, 5))
-      << CountEntries("/proc/self/task") << " threads (" << threads << "), " << CountEntries("/proc/self/fd") << " fds ("
-      << fds << ")";
+  ASSERT_NO_FATAL_FAILURE(w.CyclesLeaveNothingBehind(PHONE_TYPE_ANDROID, serial));
 
   // The phone going away reaches the host once.
   ASSERT_TRUE(w.usb->Start(PHONE_TYPE_ANDROID, serial));
@@ -205,16 +209,7 @@ TEST(UsbIosSession, ThroughTheRealLibimobiledeviceThenCyclesLeaveNothingBehind) 
     EXPECT_TRUE(w.host.HasLog("[phoneVideo] CUSBConnectMgr IOS ReceiveProc exit"));
     EXPECT_EQ(w.callback.Errors(), 0u);
 
-    const size_t threads = CountEntries("/proc/self/task"), fds = CountEntries("/proc/self/fd");
-    for (int i = 0; i < 20; ++i) {
-      const int prepared = w.callback.prepared;
-      ASSERT_TRUE(w.usb->Start(PHONE_TYPE_IOS, udid)) << i;
-      ASSERT_TRUE(Until([&] { return w.callback.prepared > prepared; })) << i;
-      w.usb->Stop(false);
-    }
-    EXPECT_TRUE(Until([&] { return CountEntries("/proc/self/task") <= threads && CountEntries("/proc/self/fd") <= fds; }, 5))
-        << CountEntries("/proc/self/task") << " threads (" << threads << "), " << CountEntries("/proc/self/fd")
-        << " fds (" << fds << ")";
+    ASSERT_NO_FATAL_FAILURE(w.CyclesLeaveNothingBehind(PHONE_TYPE_IOS, udid));
 
     ASSERT_TRUE(w.usb->Start(PHONE_TYPE_IOS, udid));
     phone->Stop();
