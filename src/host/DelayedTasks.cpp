@@ -37,6 +37,9 @@ bool DelayedTasks::Schedule(uint32_t delayMs, std::function<void()> task) {
     waiting = m_queue.size();
     if (waiting < m_maxPending) {
       if (!m_started) {
+        // A thread that found the queue empty has said so under the lock and is only
+        // returning: it is collected before the next one starts.
+        m_worker.Stop();
         if (!m_worker.Start([this] { Run(); })) return false;  // WorkerThread has logged why
         m_started = true;
       }
@@ -117,10 +120,10 @@ void DelayedTasks::Run() {
   std::unique_lock<std::mutex> lock(m_mutex);
   while (!m_closed) {
     if (m_queue.empty()) {
-      // Idle on our own condition rather than on the clock: an idle queue is then not a sleeper
-      // that a simulated clock (and the test driving it) has to account for.
-      m_cv.wait(lock, [this] { return m_closed || !m_queue.empty(); });
-      continue;
+      // Nothing to wait for: the thread ends, so that a library between sessions keeps no idle
+      // thread, and the next Schedule starts another.
+      m_started = false;
+      return;
     }
     const uint64_t now = PerfCounterUs();
     auto first = m_queue.begin();

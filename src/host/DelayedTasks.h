@@ -2,8 +2,9 @@
 // that belongs to the object the work serves. Destroying or resetting that object cancels what
 // is waiting and waits for what is running, so no task can outlive the state it uses.
 //
-// Time is the library clock's: a test moves it with SimClock. The thread is started by the first
-// Schedule and then stays, idle on its own condition (not on the clock) while nothing waits.
+// Time is the library clock's: a test moves it with SimClock. The thread is started by a
+// Schedule that finds none and ends when the queue is empty, so an idle queue holds no thread
+// (and no sleeper a simulated clock has to account for).
 #pragma once
 
 #include <condition_variable>
@@ -60,7 +61,7 @@ class DelayedTasks {
   mutable std::mutex m_mutex;
   std::condition_variable m_cv;  // the queue changed or closed (to the thread); a task finished
   std::multimap<uint64_t, std::function<void()>> m_queue;  // by due time, library-clock µs
-  bool m_started = false;
+  bool m_started = false;  // a thread runs and has not found the queue empty
   bool m_closed = false;
   bool m_running = false;
   uint64_t m_epoch = 0;         // moved on by every CancelAll

@@ -14,8 +14,13 @@ bool ThreadTimer::SetTimer(int id, uint32_t periodMs) {
   {
     std::lock_guard<std::mutex> guard(m_mutex);
     m_entries[id] = Entry{periodMs, PerfCounterUs() + static_cast<uint64_t>(periodMs) * 1000};
-    // Started by the first timer, under the lock so that two first timers start one thread.
-    if (!m_thread.IsRunning()) running = m_thread.Start([this] { Run(); });
+    // Started by the first timer, under the lock so that two first timers start one thread. A
+    // thread that found no timer left has said so under the lock and is only returning: it is
+    // collected first.
+    if (!m_threadActive) {
+      m_thread.Stop();
+      running = m_threadActive = m_thread.Start([this] { Run(); });
+    }
   }
   m_thread.Wake();
   return running;
@@ -37,6 +42,12 @@ void ThreadTimer::Run() {
     uint64_t nextUs = UINT64_MAX;
     {
       std::lock_guard<std::mutex> guard(m_mutex);
+      // No timer left: the thread ends (a library between sessions keeps no idle thread), and
+      // the next SetTimer starts another.
+      if (m_entries.empty()) {
+        m_threadActive = false;
+        return;
+      }
       for (auto& [id, e] : m_entries) {
         if (e.dueUs <= now) {
           due.push_back(id);

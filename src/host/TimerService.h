@@ -1,6 +1,7 @@
-// The default periodic timer: one thread per timer object, started by the first SetTimer,
-// sleeping on the library clock until the next tick is due. Callbacks run on that thread with
-// no lock held, so a callback may set or kill timers (its own included).
+// The default periodic timer: one thread per timer object, started by the first SetTimer and
+// ended once no timer is left, sleeping on the library clock until the next tick is due.
+// Callbacks run on that thread with no lock held, so a callback may set or kill timers (its own
+// included).
 #pragma once
 
 #include <cstdint>
@@ -29,6 +30,7 @@ class ThreadTimer final : public TMR::ITimer {
   TMR::ITimerCB* m_callback;
   std::mutex m_mutex;
   std::map<int, Entry> m_entries;
+  bool m_threadActive = false;  // under m_mutex: a thread runs and has not found the map empty
   WorkerThread m_thread;  // woken on every change so it re-plans its wait
 };
 

@@ -25,6 +25,7 @@ bool WorkerThread::Start(std::function<void()> body) {
   }
   if (!m_thread.Start([this, body = std::move(body)] {
         m_tid.store(Thread::CurrentId(), std::memory_order_release);
+        Thread::SetCurrentName(m_name);
         body();
         m_tid.store(0, std::memory_order_release);
       })) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 
 namespace lumo {
 
@@ -32,6 +33,9 @@ class Thread {
   uint32_t Id() const;  // numeric id for log lines; 0 without a thread
 
   static uint32_t CurrentId();
+  // Names the calling thread for debuggers and process listings (the first 15 bytes on Linux;
+  // nothing on Windows).
+  static void SetCurrentName(const std::string& name);
 
  private:
   struct Shared;

@@ -111,4 +111,6 @@ uint32_t Thread::Id() const { return m_id; }
 
 uint32_t Thread::CurrentId() { return static_cast<uint32_t>(::syscall(SYS_gettid)); }
 
+void Thread::SetCurrentName(const std::string& name) { pthread_setname_np(pthread_self(), name.substr(0, 15).c_str()); }
+
 }  // namespace lumo

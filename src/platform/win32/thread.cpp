@@ -79,4 +79,7 @@ uint32_t Thread::Id() const { return m_id; }
 
 uint32_t Thread::CurrentId() { return GetCurrentThreadId(); }
 
+// SetThreadDescription is not in every Windows this DLL runs on; log lines name threads anyway.
+void Thread::SetCurrentName(const std::string&) {}
+
 }  // namespace lumo
