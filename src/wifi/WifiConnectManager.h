@@ -43,6 +43,11 @@ class LUMO_API WifiConnectManager : public IWiFiDataHandler, public IDataSender 
   void NotifyLiveState(unsigned int state, const std::string& roomid, const std::string& lumoId,
                        const std::string& channelId);
 
+  // Messages a phone sent since start-up, malformed ones included. The phone app speaks first
+  // (it pings as soon as its WiFi link is up), so a host that sees this grow knows a phone is
+  // there and can ask it to connect with PhoneDataParse::StartConnect(2).
+  uint64_t MessagesHeard() const { return m_messagesHeard.load(); }
+
   // The endpoint, for tests (null before the first Start).
   KcpOnUdp* Endpoint() { return CurrentEndpoint().get(); }
 
@@ -66,4 +71,5 @@ class LUMO_API WifiConnectManager : public IWiFiDataHandler, public IDataSender 
   uint64_t m_secondStart = 0;
   uint64_t m_secondMessages = 0, m_secondBytes = 0;
   uint64_t m_messageIndex = 0;
+  std::atomic<uint64_t> m_messagesHeard{0};
 };

@@ -462,6 +462,7 @@ TEST(WifiConnectManager, ChecksTheLengthPrefixAndLogsEveryHundredthWithADoubleSt
   EXPECT_TRUE(w.host.HasLog(4, "[wifi] recieve data size not fit tag:100, recieve:103"));
   w.Receive(std::string("\0\x01", 2));  // too short to hold a prefix at all
   EXPECT_TRUE(w.host.HasLog(4, "[wifi] recieve data size not fit tag:0, recieve:2"));
+  EXPECT_EQ(w.manager.MessagesHeard(), 3u);  // a phone that sends garbage is still there
 
   w.host.ClearLogs();
   const std::string ping = Prefixed(std::string("\x04\0\0\0\x07", 5));
