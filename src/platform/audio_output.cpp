@@ -106,6 +106,31 @@ class WavFileAudioOutput final : public AudioOutput {
   uint64_t m_dataBytes = 0;
 };
 
+// Plays on the system device and keeps a WAV copy of exactly what was played. The file decides
+// success: a machine without a sound card still records.
+class TeeAudioOutput final : public AudioOutput {
+ public:
+  TeeAudioOutput(std::unique_ptr<AudioOutput> device, std::unique_ptr<AudioOutput> file)
+      : m_device(std::move(device)), m_file(std::move(file)) {}
+  bool Open(int channels, int sampleRate) override {
+    m_device->Open(channels, sampleRate);
+    return m_file->Open(channels, sampleRate);
+  }
+  bool Write(const unsigned char* pcm, size_t length) override {
+    if (m_device->IsOpen()) m_device->Write(pcm, length);
+    return m_file->Write(pcm, length);
+  }
+  void Close() override {
+    m_device->Close();
+    m_file->Close();
+  }
+  bool IsOpen() const override { return m_file->IsOpen(); }
+  bool QueueInfo(AudioQueueInfo& info) const override { return m_device->QueueInfo(info); }
+
+ private:
+  std::unique_ptr<AudioOutput> m_device, m_file;
+};
+
 }  // namespace
 
 std::unique_ptr<AudioOutput> CreateNullAudioOutput() { return std::make_unique<NullAudioOutput>(); }
@@ -116,9 +141,12 @@ std::unique_ptr<AudioOutput> CreateWavFileAudioOutput(const std::wstring& path) 
 
 std::unique_ptr<AudioOutput> CreateAudioOutput(const std::string& selection, int instance) {
   if (selection == "null") return CreateNullAudioOutput();
-  if (selection.rfind("wav:", 0) == 0 && selection.size() > 4) {
-    std::string path = selection.substr(4) + "-" + std::to_string(instance) + ".wav";
-    return CreateWavFileAudioOutput(Utf8ToWide(path));
+  for (const char* kind : {"wav:", "tee:"}) {
+    if (selection.rfind(kind, 0) != 0 || selection.size() <= 4) continue;
+    std::unique_ptr<AudioOutput> file =
+        CreateWavFileAudioOutput(Utf8ToWide(selection.substr(4) + "-" + std::to_string(instance) + ".wav"));
+    if (kind[0] == 'w') return file;
+    return std::make_unique<TeeAudioOutput>(CreateSystemAudioOutput(), std::move(file));
   }
   return CreateSystemAudioOutput();
 }

@@ -46,8 +46,9 @@ std::unique_ptr<AudioOutput> CreateNullAudioOutput();
 // filled in on Close.
 std::unique_ptr<AudioOutput> CreateWavFileAudioOutput(const std::wstring& path);
 
-// The output named by `selection`: "default" (the system device), "null", or
-// "wav:<path prefix>" (instance n writes "<prefix>-<n>.wav"). Anything else means "default".
+// The output named by `selection`: "default" (the system device), "null",
+// "wav:<path prefix>" (instance n writes "<prefix>-<n>.wav"), or "tee:<path prefix>" (the
+// system device and that WAV file at once). Anything else means "default".
 std::unique_ptr<AudioOutput> CreateAudioOutput(const std::string& selection, int instance);
 // The selection in force: the environment variable LUMO_AUDIO_OUTPUT when it is set and not
 // empty, otherwise `configured` (the host's ini value).

@@ -295,24 +295,28 @@ TEST_F(PcmPlayerTest, OpenFailsWithMinus4WithoutADeviceAndTheNextOpenTriesAgain)
   EXPECT_EQ(record->Opens().back(), std::make_pair(1, 48000));
 }
 
+// "tee:" also plays on the system device; the file is the same whether or not there is one.
 TEST_F(PcmPlayerTest, WavOutputChosenByTheEnvironmentHoldsWhatWasPlayed) {
-  std::string prefix = lumo::WideToUtf8(lumo::JoinPath(lumo::Utf8ToWide(appData.path), L"played"));
-  ScopedAudioOutputEnv env(("wav:" + prefix).c_str());
-  host.SetConfig("phoneVideoCfg.ini", "SECT_VIDEO", "audioOutput", "null");  // the environment wins
-  WaitLog waits(sim.clock);
-  PcmPlayer player(2);
-  ASSERT_EQ(player.Open(2, 44100), 0);
-  for (int i = 0; i < 10; ++i) ASSERT_EQ(player.Write(Buffer(i + 1, 1000).data(), 1000), 0);
-  size_t next = 1;
-  RunUntilWait(waits, next, 20);  // the pre-fill wait, ten buffers, then the empty ring
-  player.Close();
+  for (const std::string kind : {"wav:", "tee:"}) {
+    SCOPED_TRACE(kind);
+    std::string prefix = lumo::WideToUtf8(lumo::JoinPath(lumo::Utf8ToWide(appData.path), L"played")) + kind[0];
+    ScopedAudioOutputEnv env((kind + prefix).c_str());
+    host.SetConfig("phoneVideoCfg.ini", "SECT_VIDEO", "audioOutput", "null");  // the environment wins
+    WaitLog waits(sim.clock);
+    PcmPlayer player(2);
+    ASSERT_EQ(player.Open(2, 44100), 0);
+    for (int i = 0; i < 10; ++i) ASSERT_EQ(player.Write(Buffer(i + 1, 1000).data(), 1000), 0);
+    size_t next = 1;
+    RunUntilWait(waits, next, 20);  // the pre-fill wait, ten buffers, then the empty ring
+    player.Close();
 
-  Bytes expected = WavHeader(2, 44100, 10000);
-  for (int i = 0; i < 10; ++i) {
-    Bytes b = Buffer(i + 1, 1000);
-    expected.insert(expected.end(), b.begin(), b.end());
+    Bytes expected = WavHeader(2, 44100, 10000);
+    for (int i = 0; i < 10; ++i) {
+      Bytes b = Buffer(i + 1, 1000);
+      expected.insert(expected.end(), b.begin(), b.end());
+    }
+    EXPECT_EQ(ReadAll(prefix + "-2.wav"), expected);
   }
-  EXPECT_EQ(ReadAll(prefix + "-2.wav"), expected);
 }
 
 TEST_F(PcmPlayerTest, OutputComesFromTheIniFileWhenTheEnvironmentSaysNothing) {
