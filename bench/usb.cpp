@@ -104,7 +104,7 @@ Result RunSession(bool usb, const Scenario& s, double seconds, lumo::test::Quiet
   parser->SetWifiCallback(&callback);
   std::mutex pushLock;
   std::map<unsigned long long, double> pushedAt;  // phone timestamp -> when queued
-  H264DataReviever::GetInstance()->SetPushObserver([&](unsigned long long ts) {
+  H264DataReviever::GetInstance()->SetPushObserver([&](unsigned long long ts, unsigned long long) {
     std::lock_guard<std::mutex> guard(pushLock);
     pushedAt[ts] = NowUs();
   });

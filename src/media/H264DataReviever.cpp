@@ -147,7 +147,7 @@ void H264DataReviever::PushH264RawData(const unsigned char* data, unsigned long 
   m_event.Set();
   if (m_consumer != nullptr) m_consumer->Wake();
   m_ctrl->AddReceivedVideoFrame();
-  if (m_pushObserver) m_pushObserver(timestamp);
+  if (m_pushObserver) m_pushObserver(timestamp, len);
 
   if (m_waitFirstIFrame && len >= 5 && data[0] == 0 && data[1] == 0 && data[2] == 0 && data[3] == 1 &&
       IsH264Key(data[4])) {

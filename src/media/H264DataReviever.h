@@ -52,9 +52,10 @@ class H264DataReviever {
   void SetConsumer(lumo::WorkerThread* consumer);
   // Clears the consumer when it is `consumer` (another decoder may have taken the place).
   void DropConsumer(lumo::WorkerThread* consumer);
-  // Called on the transport's thread each time a packet was queued, with its phone timestamp:
-  // for a host or a benchmark that measures arrival to picture. Set it while no capture runs.
-  void SetPushObserver(std::function<void(unsigned long long timestamp)> observer) {
+  // Called on the transport's thread each time a packet was queued, with its phone timestamp and
+  // length: for a host or a benchmark that measures arrival to picture or the bit rate. Set it
+  // while no capture runs.
+  void SetPushObserver(std::function<void(unsigned long long timestamp, unsigned long long bytes)> observer) {
     m_pushObserver = std::move(observer);
   }
   // Returns every waiting packet to the free pool.
@@ -69,6 +70,8 @@ class H264DataReviever {
   bool IsDropping();
   size_t WaitingCount();
   size_t FreeCount();
+  // Packets dropped since start-up because no slot was free or a key frame was awaited.
+  unsigned long long DroppedPackets() const { return m_dropCounter.load(); }
   // The lock that guards the queues and the flags; other classes take it around compound use.
   std::recursive_mutex& Lock() { return m_lock; }
 
@@ -107,7 +110,7 @@ class H264DataReviever {
   std::atomic<bool> m_gotIFrame{false};
   lumo::AutoResetEvent m_event;
   lumo::WorkerThread* m_consumer = nullptr;  // under m_lock
-  std::function<void(unsigned long long)> m_pushObserver;
+  std::function<void(unsigned long long, unsigned long long)> m_pushObserver;
   std::atomic<unsigned long long> m_byteCounter{0};
   std::atomic<unsigned long long> m_lastBitrateTick{0};
   FILE* m_dumpFile = nullptr;

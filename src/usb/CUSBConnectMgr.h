@@ -11,6 +11,8 @@
 // takes longer than 200 ms for Android, 1,200 ms for iOS).
 #pragma once
 
+#include <json/value.h>  // GetPhoneDeviceList returns one: a host needs the whole type
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
