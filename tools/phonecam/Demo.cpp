@@ -6,6 +6,9 @@
 // a table sums up both sessions.
 #include "Demo.h"
 
+#include "HostSession.h"
+#include "Recording.h"
+
 #include <json/json.h>
 
 #include <algorithm>
@@ -61,104 +64,45 @@ and audio decoded. An adb server that already runs is used as it is and left run
   --codec h264|h265  the phone's codec (default h264)
   --loss PCT         WiFi: drop this share of datagrams each way through the impairment proxy (default 0)
   --delay MS         WiFi: add this delay each way through the proxy (default 0)
+  --out DIR          where the recordings go (default out): per link a PNG snapshot, the first
+                     --y4m-seconds (default 1) as Y4M, the audio as WAV and a latency plot (HTML)
   --quiet            no live status line
 )";
 
-struct Callback : IWifiEventCallback, IUSBEventCallback {
-  void OnPhonePrepared() override {
-    std::lock_guard<std::mutex> guard(lock);
-    ++prepared;
-    preparedCv.notify_all();
-  }
-  // Waits (real time, at most `seconds`) for the phone to report prepared.
-  bool WaitPrepared(double seconds) {
-    std::unique_lock<std::mutex> guard(lock);
-    return preparedCv.wait_for(guard, std::chrono::duration<double>(seconds), [this] { return prepared > 0; });
-  }
-  void OnCaptureStarted() override {}
-  void OnWifiReserved() override {}
-  void OnCameraParamsRefreshed(const Json::Value&, bool) override {}
-  void OnAppStartProjection() override {}
-  void OnConnectionError(const std::wstring&) override { ++linkErrors; }
-  std::mutex lock;
-  std::condition_variable preparedCv;
-  int prepared = 0;  // under lock
-  std::atomic<int> linkErrors{0};
+struct DemoRun {
+  PhonecamHost* host = nullptr;
+  RecordingPlan plan;
+  double seconds = 10;
+  bool quiet = false;
+  const PacketCounter* packets = nullptr;
 };
 
-// Polls what gives no signal (another program's state, a peer's first datagram) every 5 ms.
-bool WaitFor(const std::function<bool()>& ready, double seconds) {
-  const auto end = Steady::now() + std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(seconds));
-  while (!ready()) {
-    if (Steady::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
+// The render loop with this session's recordings.
+void Render(SessionStats& s, const DemoRun& run, lumo::phonesim::PhoneSim& sim) {
+  Recorder recorder(run.plan.dir, s.link, run.plan.y4mSeconds, 30);
+  RenderOptions options;
+  options.seconds = run.seconds;
+  options.quiet = run.quiet;
+  options.recorder = &recorder;
+  options.packets = run.packets;
+  options.state = [&sim] { return sim.Status().state; };
+  RenderLoop(s, options);
+  // The decoders stop before the audio output is closed: nothing may write to it then.
+  CVideoDecoder::GetInstance()->StopDecode();
+  CAudioDecoder::GetInstance(1)->StopDecode();
+  FinishRecording(*run.host, run.plan, recorder, s);
 }
 
-double Percentile(std::vector<int> v, double p) {
-  if (v.empty()) return 0;
-  std::sort(v.begin(), v.end());
-  return v[std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size())))];
-}
-
-struct Session {
-  std::string link, detail, error;
-  double seconds = 0;
-  long long pictures = 0, unreadable = 0, audioDecoded = 0;
-  uint64_t phoneSent = 0;
-  std::vector<int> latencies;
-  bool Ok() const { return error.empty() && pictures > 0 && !latencies.empty() && audioDecoded > 0; }
-};
-
-// The host's render loop: pull pictures for `seconds`, reading each one's capture stamp.
-void Pull(Session& s, double seconds, bool quiet, const std::function<std::string()>& state) {
-  CVideoDecoder* decoder = CVideoDecoder::GetInstance();
-  const long long audioBefore = CPhoneCameraCtrl::GetInstance()->GetFrameCounts().decodedAudio;
-  const auto start = Steady::now();
-  auto nextStatus = start + std::chrono::milliseconds(500);
-  std::vector<int> recent;
-  int shownWidth = 0, shownHeight = 0;
-  while ((s.seconds = std::chrono::duration<double>(Steady::now() - start).count()) < seconds) {
-    int width = 0, height = 0;
-    unsigned long long ts = 0;
-    // A render thread woken by each picture (or every 10 ms, for the status line).
-    if (!decoder->WaitYuvData(10)) {
-      // nothing yet
-    } else if (unsigned char* yuv = decoder->GetYuvData(width, height, ts)) {
-      ++s.pictures;
-      shownWidth = width, shownHeight = height;
-      lumo::phonesim::FrameStamp stamp;
-      if (lumo::phonesim::ReadFrameStamp(yuv, width, width, height, stamp)) {
-        const uint32_t nowMs = static_cast<uint32_t>(lumo::WallClock100ns() / 10000);
-        const int latency = static_cast<int>(nowMs - stamp.captureMs);
-        s.latencies.push_back(latency);
-        recent.push_back(latency);
-      } else {
-        ++s.unreadable;
-      }
-    }
-    if (!quiet && Steady::now() >= nextStatus) {
-      const auto counts = CPhoneCameraCtrl::GetInstance()->GetFrameCounts();
-      std::fprintf(stderr, "\r[%s %s] %.1f s | pictures %lld (%dx%d) | latency p50 %.0f ms | audio frames decoded %lld\x1b[K",
-                   s.link.c_str(), state().c_str(), s.seconds, s.pictures, shownWidth, shownHeight,
-                   Percentile(recent, 0.5), counts.decodedAudio - audioBefore);
-      recent.clear();
-      nextStatus += std::chrono::milliseconds(500);
-    }
-  }
-  if (!quiet) std::fputs("\n", stderr);
-  s.audioDecoded = CPhoneCameraCtrl::GetInstance()->GetFrameCounts().decodedAudio - audioBefore;
-}
-
-Session WifiSession(lumo::phonesim::PhoneSimOptions phone, double seconds, double loss, uint32_t delay, bool quiet) {
-  Session s;
+SessionStats WifiSession(lumo::phonesim::PhoneSimOptions phone, const DemoRun& run, double loss, uint32_t delay) {
+  SessionStats s;
   s.link = "wifi";
+  BeginAudioRecording(*run.host, run.plan, s.link);
   PhoneDataParse* parser = PhoneDataParse::GetInstance();
-  Callback callback;
+  HostCallback callback;
   parser->SetWifiCallback(&callback);
   WifiConnectManager* wifi = WifiConnectManager::GetInstance();
   wifi->Start();
+  const uint64_t heard = wifi->MessagesHeard();
   lumo::netimpair::ProxyConfig proxyConfig;
   proxyConfig.target = {lumo::kIpv4Loopback, KcpOnUdp::kPort};
   proxyConfig.toTarget.dropRate = proxyConfig.toClient.dropRate = loss;
@@ -179,11 +123,11 @@ Session WifiSession(lumo::phonesim::PhoneSimOptions phone, double seconds, doubl
   }
   // The host's part of a WiFi session: connect once the phone is heard, start capture once it
   // is prepared.
-  if (s.error.empty() && !WaitFor([wifi] { return wifi->Endpoint()->PeerAddress().port != 0; }, 10))
+  if (s.error.empty() && !WaitFor([wifi, heard] { return wifi->MessagesHeard() != heard; }, 10))
     s.error = "the phone was never heard on port 10099";
   if (s.error.empty()) {
     parser->StartConnect(PHONE_DATA_SOURCE_WIFI);
-    if (!callback.WaitPrepared(10)) s.error = "the phone did not finish its handshake";
+    if (!callback.WaitPrepared(1, 10)) s.error = "the phone did not finish its handshake";
   }
   if (s.error.empty()) {
     wifi->SetConnected(true);
@@ -192,7 +136,7 @@ Session WifiSession(lumo::phonesim::PhoneSimOptions phone, double seconds, doubl
     // before its first frame).
     CAudioDecoder::GetInstance(1)->StartDecode();
     parser->StartCapture(PHONE_DATA_SOURCE_WIFI);
-    Pull(s, seconds, quiet, [&sim] { return sim->Status().state; });
+    Render(s, run, *sim);
     parser->StopCapture(PHONE_DATA_SOURCE_WIFI);
   }
   if (sim) {
@@ -216,9 +160,10 @@ uint16_t FreeEmulatorPort() {
   return 0;
 }
 
-Session UsbSession(lumo::phonesim::PhoneSimOptions phone, double seconds, bool quiet) {
-  Session s;
+SessionStats UsbSession(lumo::phonesim::PhoneSimOptions phone, const DemoRun& run) {
+  SessionStats s;
   s.link = "usb";
+  BeginAudioRecording(*run.host, run.plan, s.link);
   const std::wstring adb = AdbSrvMgr::AdbPathRule();
   const std::string adbText = lumo::WideToUtf8(adb);
   const bool serverWasRunning = lumo::ListeningTcpPortOwners().count("5037") > 0;
@@ -241,7 +186,7 @@ Session UsbSession(lumo::phonesim::PhoneSimOptions phone, double seconds, bool q
   // holds 5037) is not used: the demo leaves a user's server alone.
   if (!serverWasRunning) lumo::RunCommandLine(adb + L" start-server", 20000);
   PhoneDataParse* parser = PhoneDataParse::GetInstance();
-  Callback callback;
+  HostCallback callback;
   parser->SetUSBCallback(&callback);
   CUSBConnectMgr* usb = CUSBConnectMgr::GetInstance();
   usb->SetUSBEventCallback(&callback);
@@ -259,13 +204,13 @@ Session UsbSession(lumo::phonesim::PhoneSimOptions phone, double seconds, bool q
     s.error = "adb never listed the simulated phone " + lumo::WideToUtf8(serial);
   } else if (!usb->Start(PHONE_TYPE_ANDROID, listed)) {
     s.error = "the USB connection did not start (is port 8181 free?)";
-  } else if (!callback.WaitPrepared(10)) {
+  } else if (!callback.WaitPrepared(1, 10)) {
     s.error = "the phone did not finish its handshake";
   } else {
     // Capture is started by the library once the phone is prepared; audio is the host's.
     parser->StartAudioCapture(PHONE_DATA_SOURCE_USB);
     CAudioDecoder::GetInstance(1)->StartDecode();
-    Pull(s, seconds, quiet, [&sim] { return sim->Status().state; });
+    Render(s, run, *sim);
   }
   usb->Stop(true);
   s.phoneSent = sim->Status().counters.videoFrames;
@@ -285,31 +230,34 @@ Session UsbSession(lumo::phonesim::PhoneSimOptions phone, double seconds, bool q
 }  // namespace
 
 int Demo(int argc, char** argv) {
-  double seconds = 10, loss = 0;
+  double loss = 0;
   uint32_t delay = 0;
-  bool quiet = false, wifi = true, usb = true;
+  bool wifi = true, usb = true;
+  DemoRun run;
   lumo::phonesim::PhoneSimOptions phone;
-  // The phone's quality report reads and clears the host's frame counters, which the demo
-  // reports from: without it they count the whole run.
+  // The phone's quality report is not needed here and would only add log lines.
   phone.qualityIntervalMs = 0;
   for (int i = 2; i < argc; ++i) {
     const std::string flag = argv[i];
     const char* v = i + 1 < argc ? argv[i + 1] : "";
-    if (flag == "--quiet") quiet = true;
-    else if (flag == "--seconds") seconds = std::atof(v), ++i;
+    if (flag == "--quiet") run.quiet = true;
+    else if (flag == "--seconds") run.seconds = std::atof(v), ++i;
     else if (flag == "--loss") loss = std::atof(v) / 100, ++i;
     else if (flag == "--delay") delay = static_cast<uint32_t>(std::atoi(v)), ++i;
     else if (flag == "--link") wifi = std::strcmp(v, "usb") != 0, usb = std::strcmp(v, "wifi") != 0, ++i;
     else if (flag == "--codec") phone.codec = std::strcmp(v, "h265") == 0 ? lumo::phonesim::VideoCodec::H265 : lumo::phonesim::VideoCodec::H264, ++i;
+    else if (flag == "--out" && *v) run.plan.dir = v, ++i;
+    else if (flag == "--y4m-seconds") run.plan.y4mSeconds = std::atof(v), ++i;
     else {
       std::fputs(kHelp, flag == "--help" ? stdout : stderr);
       return flag == "--help" ? 0 : 2;
     }
   }
   av_log_set_level(AV_LOG_ERROR);
-  // No sound card is assumed: the decoded audio is played on the null device unless the user
-  // chose another output.
-  if (std::getenv("LUMO_AUDIO_OUTPUT") == nullptr) setenv("LUMO_AUDIO_OUTPUT", "null", 1);
+  // Installed before the library's first use, and removed only after the last session stopped.
+  PhonecamHost host;
+  lumo::SetHostServices(&host);
+  run.host = &host;
   std::atomic<int> hostMessages{0};
   lumo::SetHostMessageSink([&hostMessages](HWND, uint32_t, uintptr_t, intptr_t lParam) {
     ++hostMessages;
@@ -319,25 +267,24 @@ int Demo(int argc, char** argv) {
   CPhoneCameraCtrl::GetInstance()->SetHwnd(reinterpret_cast<HWND>(0x1));
   PhoneDataParse::GetInstance()->SetAudioRecordType(1);
 
-  std::vector<Session> sessions;
-  if (wifi) sessions.push_back(WifiSession(phone, seconds, loss, delay, quiet));
-  if (usb) sessions.push_back(UsbSession(phone, seconds, quiet));
-
-  std::printf("demo: %s, %.0f s per session\n", lumo::phonesim::CodecName(phone.codec), seconds);
-  std::printf("%-5s %-8s %-8s %-7s %-9s %-9s %-9s %-11s %s\n", "link", "sent", "pictures", "fps", "lat p50", "lat p99",
-              "lat max", "audio dec", "how");
-  int rc = 0;
-  for (const Session& s : sessions) {
-    if (!s.error.empty()) std::printf("%-5s failed: %s\n", s.link.c_str(), s.error.c_str());
-    std::printf("%-5s %-8llu %-8lld %-7.1f %-9.0f %-9.0f %-9.0f %-11lld %s\n", s.link.c_str(),
-                static_cast<unsigned long long>(s.phoneSent), s.pictures, s.seconds > 0 ? s.pictures / s.seconds : 0.0,
-                Percentile(s.latencies, 0.5), Percentile(s.latencies, 0.99), Percentile(s.latencies, 1.0), s.audioDecoded,
-                s.detail.c_str());
-    if (!s.Ok()) rc = 1;
+  std::vector<SessionStats> sessions;
+  {
+    PacketCounter packets;
+    run.packets = &packets;
+    if (wifi) sessions.push_back(WifiSession(phone, run, loss, delay));
+    if (usb) sessions.push_back(UsbSession(phone, run));
   }
+
+  std::printf("demo: %s, %.0f s per session, recordings in %s/\n", lumo::phonesim::CodecName(phone.codec), run.seconds,
+              run.plan.dir.c_str());
+  PrintSummary(sessions);
+  int rc = 0;
+  for (const SessionStats& s : sessions)
+    if (!s.error.empty() || !s.HasMedia() || s.latencies.empty()) rc = 1;
   std::printf("demo: latency is capture-to-screen in ms, read from each picture's own stamp; host messages %d\n",
               hostMessages.load());
   lumo::SetHostMessageSink(nullptr);
+  lumo::SetHostServices(nullptr);
   return rc;
 }
 
