@@ -14,6 +14,10 @@ CPhoneDeviceManager* CPhoneDeviceManager::GetInstance() {
 
 CPhoneDeviceManager::CPhoneDeviceManager(std::shared_ptr<AdbSrvMgr> adbSrvMgr) : m_adbSrvMgr(std::move(adbSrvMgr)) {
   if (!m_adbSrvMgr) m_adbSrvMgr = std::make_shared<AdbSrvMgr>();
+  // The system's iOS library object is built now, before this object is finished, so that at
+  // process exit (or DLL unload) it is destroyed after us: our destructor still frees handles
+  // through it.
+  lumo::IosApi();
 }
 
 CPhoneDeviceManager::~CPhoneDeviceManager() {

@@ -30,7 +30,7 @@ Preview::~Preview() {
   if (m_impl->texture) SDL_DestroyTexture(m_impl->texture);
   if (m_impl->renderer) SDL_DestroyRenderer(m_impl->renderer);
   if (m_impl->window) SDL_DestroyWindow(m_impl->window);
-  // SDL's X11 driver leaves a thread of its own behind unless SDL itself is shut down.
+  // SDL's video subsystem has threads of its own; they end here.
   SDL_QuitSubSystem(SDL_INIT_VIDEO);
   SDL_Quit();
 }
@@ -44,7 +44,9 @@ void Preview::Show(const uint8_t* i420, int width, int height) {
       while (w > bounds.w || h > bounds.h) w /= 2, h /= 2;
     p.window = SDL_CreateWindow(p.title.c_str(), 0, 0, w, h, SDL_WINDOW_SHOWN | SDL_WINDOW_RESIZABLE);
     if (p.window == nullptr) return;
-    p.renderer = SDL_CreateRenderer(p.window, -1, 0);
+    // SDL's own renderer: no GPU driver to load (and unload, and leave threads behind), and
+    // converting one picture a frame costs the CPU a few milliseconds.
+    p.renderer = SDL_CreateRenderer(p.window, -1, SDL_RENDERER_SOFTWARE);
     if (p.renderer == nullptr) return;
   }
   if (p.renderer == nullptr) return;
