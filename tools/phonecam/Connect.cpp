@@ -306,6 +306,7 @@ int Connect(int argc, char** argv) {
   }
   av_log_set_level(AV_LOG_ERROR);
   InstallInterruptHandler();
+  NoteBaselineThreads();
   // Registered before the library's objects exist, so it runs after they are destroyed: what
   // a host sees once it has unloaded the library.
   std::atexit([] { std::printf("connect: after unload, threads left: %s\n", ThreadList().c_str()); });

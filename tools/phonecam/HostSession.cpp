@@ -225,13 +225,43 @@ void InstallInterruptHandler() {
 
 bool Interrupted() { return g_interrupted != 0; }
 
+namespace {
+
+std::vector<std::string> ThreadIds() {
+  std::vector<std::string> ids;
+  if (DIR* dir = opendir("/proc/self/task")) {
+    while (dirent* entry = readdir(dir))
+      if (entry->d_name[0] != '.') ids.push_back(entry->d_name);
+    closedir(dir);
+  }
+  return ids;
+}
+
+// The threads that ran before the host started anything (the main thread, a sanitizer's own).
+std::vector<std::string>& Baseline() {
+  static std::vector<std::string> ids;
+  return ids;
+}
+
+}  // namespace
+
+void NoteBaselineThreads() {
+#ifdef __SANITIZE_THREAD__
+  // ThreadSanitizer starts its own background thread with the program's first thread.
+  std::thread([] {}).join();
+#endif
+  Baseline() = ThreadIds();
+}
+
 std::vector<std::string> OtherThreads() {
   std::vector<std::string> names;
   DIR* dir = opendir("/proc/self/task");
   if (dir == nullptr) return {"(unknown: no /proc)"};
   const std::string self = std::to_string(getpid());
+  const std::vector<std::string>& baseline = Baseline();
   while (dirent* entry = readdir(dir)) {
     if (entry->d_name[0] == '.' || self == entry->d_name) continue;
+    if (std::find(baseline.begin(), baseline.end(), entry->d_name) != baseline.end()) continue;
     std::string name = entry->d_name;
     if (FILE* comm = std::fopen(("/proc/self/task/" + name + "/comm").c_str(), "r")) {
       char text[64] = {};

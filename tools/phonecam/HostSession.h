@@ -131,7 +131,10 @@ void PrintSummary(const std::vector<SessionStats>& sessions);
 // Ctrl-C (SIGINT, SIGTERM): the first asks the session to end cleanly; the flag is polled.
 void InstallInterruptHandler();
 bool Interrupted();
-// The names of this process's threads other than the main one, right now.
+// Notes the threads that run before the host starts anything (the main thread, a sanitizer's
+// own), which OtherThreads leaves out.
+void NoteBaselineThreads();
+// The names of this process's threads other than those, right now.
 std::vector<std::string> OtherThreads();
 
 }  // namespace phonecam

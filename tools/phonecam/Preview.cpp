@@ -16,6 +16,11 @@ struct Preview::Impl {
 std::unique_ptr<Preview> Preview::Open(std::string& error) {
   // Ctrl-C is the program's own (it ends the session cleanly), not a window event of SDL's.
   SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
+  // SDL's own renderer on the window's plain surface: no GPU driver is loaded (whose threads and
+  // buffers would outlive the window), and converting one picture a frame costs the CPU a few
+  // milliseconds.
+  SDL_SetHint(SDL_HINT_RENDER_DRIVER, "software");
+  SDL_SetHint(SDL_HINT_FRAMEBUFFER_ACCELERATION, "0");
   if (SDL_InitSubSystem(SDL_INIT_VIDEO) != 0) {
     error = std::string("no window can be opened: ") + SDL_GetError();
     return nullptr;
@@ -44,8 +49,6 @@ void Preview::Show(const uint8_t* i420, int width, int height) {
       while (w > bounds.w || h > bounds.h) w /= 2, h /= 2;
     p.window = SDL_CreateWindow(p.title.c_str(), 0, 0, w, h, SDL_WINDOW_SHOWN | SDL_WINDOW_RESIZABLE);
     if (p.window == nullptr) return;
-    // SDL's own renderer: no GPU driver to load (and unload, and leave threads behind), and
-    // converting one picture a frame costs the CPU a few milliseconds.
     p.renderer = SDL_CreateRenderer(p.window, -1, SDL_RENDERER_SOFTWARE);
     if (p.renderer == nullptr) return;
   }
