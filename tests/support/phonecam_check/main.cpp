@@ -62,7 +62,7 @@ int CheckLuma(const std::vector<uint8_t>& y, const std::vector<uint8_t>& kept, i
   if (!lumo::phonesim::ReadFrameStamp(y.data(), width, width, height, stamp)) return Fail(std::string(what) + ": no stamp");
   const double error = PatternError(y, kept, width, height, stamp.frameNumber);
   const double otherFrame = PatternError(y, kept, width, height, stamp.frameNumber + 16);
-  const bool ok = error < 10 && otherFrame > 4 * error;
+  const bool ok = error < 15 && otherFrame > 4 * error;
   std::printf("%s %s: %dx%d frame %u, luma error %.1f (another frame's pattern %.1f)\n", ok ? "OK" : "FAIL", what,
               width, height, stamp.frameNumber, error, otherFrame);
   return ok ? 0 : 1;
