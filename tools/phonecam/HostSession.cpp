@@ -151,7 +151,9 @@ void RenderLoop(SessionStats& s, const RenderOptions& o) {
   CVideoDecoder* decoder = CVideoDecoder::GetInstance();
   CPhoneCameraCtrl* ctrl = CPhoneCameraCtrl::GetInstance();
   H264DataReviever* receiver = H264DataReviever::GetInstance();
-  CounterDelta audio(ctrl->GetFrameCounts().decodedAudio);
+  const CPhoneCameraCtrl::FrameCounts first = ctrl->GetFrameCounts();
+  CounterDelta audio(first.decodedAudio), decoded(first.decodedVideo);
+  long long windowDecoded = 0;
   const long long packetsBefore = o.packets ? o.packets->Packets() : 0;
   const long long bytesBefore = o.packets ? o.packets->Bytes() : 0;
   const unsigned long long droppedBefore = receiver->DroppedPackets();
@@ -177,22 +179,24 @@ void RenderLoop(SessionStats& s, const RenderOptions& o) {
       if (o.recorder) o.recorder->OnPicture(yuv, width, height, s.seconds, latency);
       if (o.preview) o.preview->Show(yuv, width, height);
     }
-    s.audioDecoded += audio.Add(ctrl->GetFrameCounts().decodedAudio);
+    const CPhoneCameraCtrl::FrameCounts counts = ctrl->GetFrameCounts();
+    s.audioDecoded += audio.Add(counts.decodedAudio);
+    windowDecoded += decoded.Add(counts.decodedVideo);
     if (o.packets) s.packets = o.packets->Packets() - packetsBefore, s.bytes = o.packets->Bytes() - bytesBefore;
     s.dropped = static_cast<long long>(receiver->DroppedPackets() - droppedBefore);
     if (o.preview && o.preview->CloseRequested()) break;
     if (Steady::now() >= nextStatus) {
       char line[320];
       std::snprintf(line, sizeof line,
-                    "%s %s %.0fs | in %.0f/s %.1f Mbit/s | shown %.0f/s %dx%d | latency p50 %.0f ms | dropped %lld | audio %s",
+                    "%s %s %.0fs | in %.0f/s %.1f Mbit/s | decoded %.0f/s | shown %.0f/s %dx%d | latency p50 %.0f ms | dropped %lld | audio %s",
                     s.link.c_str(), o.state ? o.state().c_str() : "", s.seconds, (s.packets - windowPackets) * 2.0,
-                    (s.bytes - windowBytes) * 16.0 / 1e6, windowPictures * 2.0, s.width, s.height,
+                    (s.bytes - windowBytes) * 16.0 / 1e6, windowDecoded * 2.0, windowPictures * 2.0, s.width, s.height,
                     Percentile(recent, 0.5), s.dropped,
                     !o.wantAudio ? "off" : s.audioDecoded > 0 ? "playing" : "waiting");
       if (!o.quiet) std::fprintf(stderr, "\r%s\x1b[K", line);
       if (o.preview) o.preview->SetTitle(line);
       recent.clear();
-      windowPictures = 0, windowPackets = s.packets, windowBytes = s.bytes;
+      windowPictures = 0, windowDecoded = 0, windowPackets = s.packets, windowBytes = s.bytes;
       nextStatus += std::chrono::milliseconds(500);
     }
   }
