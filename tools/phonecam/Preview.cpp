@@ -2,6 +2,8 @@
 
 #include <SDL.h>
 
+#include "Recording.h"
+
 namespace phonecam {
 
 struct Preview::Impl {
@@ -53,16 +55,20 @@ void Preview::Show(const uint8_t* i420, int width, int height) {
     if (p.renderer == nullptr) return;
   }
   if (p.renderer == nullptr) return;
+  // A texture's chroma rounds odd sizes up; ours rounds down, so an odd last column or row is
+  // left out instead of read past the picture.
+  const I420Layout layout(width, height);
+  width = layout.chromaWidth * 2, height = layout.chromaHeight * 2;
+  if (width == 0 || height == 0) return;
   if (p.texture == nullptr || width != p.width || height != p.height) {
     if (p.texture) SDL_DestroyTexture(p.texture);
     p.texture = SDL_CreateTexture(p.renderer, SDL_PIXELFORMAT_IYUV, SDL_TEXTUREACCESS_STREAMING, width, height);
     p.width = width, p.height = height;
     if (p.texture == nullptr) return;
   }
-  const uint8_t* u = i420 + static_cast<size_t>(width) * height;
-  const int cw = (width + 1) / 2;
-  const uint8_t* v = u + static_cast<size_t>(cw) * ((height + 1) / 2);
-  SDL_UpdateYUVTexture(p.texture, nullptr, i420, width, u, cw, v, cw);
+  const uint8_t* u = i420 + layout.LumaBytes();
+  const uint8_t* v = u + layout.ChromaBytes();
+  SDL_UpdateYUVTexture(p.texture, nullptr, i420, layout.width, u, layout.chromaWidth, v, layout.chromaWidth);
   SDL_RenderClear(p.renderer);
   SDL_RenderCopy(p.renderer, p.texture, nullptr, nullptr);
   SDL_RenderPresent(p.renderer);

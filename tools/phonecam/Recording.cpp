@@ -15,18 +15,23 @@ uint8_t Clamp(int v) { return static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v
 }  // namespace
 
 void I420ToRgb(const uint8_t* i420, int width, int height, std::vector<uint8_t>& rgb) {
-  rgb.resize(static_cast<size_t>(width) * height * 3);
+  const I420Layout layout(width, height);
+  rgb.resize(layout.LumaBytes() * 3);
   const uint8_t* yPlane = i420;
-  const uint8_t* uPlane = yPlane + static_cast<size_t>(width) * height;
-  const int cw = (width + 1) / 2;
-  const uint8_t* vPlane = uPlane + static_cast<size_t>(cw) * ((height + 1) / 2);
+  const uint8_t* uPlane = yPlane + layout.LumaBytes();
+  const uint8_t* vPlane = uPlane + layout.ChromaBytes();
   uint8_t* out = rgb.data();
   for (int y = 0; y < height; ++y) {
+    const int cy = std::min(y / 2, layout.chromaHeight - 1);
     for (int x = 0; x < width; ++x) {
-      // Fixed point (x 256) of the usual limited-range BT.601 matrix.
+      // Fixed point (x 256) of the usual limited-range BT.601 matrix; a picture one pixel wide
+      // or high has no chroma at all and comes out grey.
       const int c = 298 * (yPlane[static_cast<size_t>(y) * width + x] - 16);
-      const size_t ci = static_cast<size_t>(y / 2) * cw + x / 2;
-      const int d = uPlane[ci] - 128, e = vPlane[ci] - 128;
+      int d = 0, e = 0;
+      if (cy >= 0 && layout.chromaWidth > 0) {
+        const size_t ci = static_cast<size_t>(cy) * layout.chromaWidth + std::min(x / 2, layout.chromaWidth - 1);
+        d = uPlane[ci] - 128, e = vPlane[ci] - 128;
+      }
       *out++ = Clamp((c + 409 * e + 128) >> 8);
       *out++ = Clamp((c - 100 * d - 208 * e + 128) >> 8);
       *out++ = Clamp((c + 516 * d + 128) >> 8);
@@ -61,15 +66,20 @@ Recorder::~Recorder() {
 std::string Recorder::Path(const char* suffix) const { return m_dir + "/" + m_prefix + suffix; }
 
 void Recorder::OnPicture(const uint8_t* i420, int width, int height, double t, int latencyMs) {
-  const size_t bytes = static_cast<size_t>(width) * height + 2 * static_cast<size_t>((width + 1) / 2) * ((height + 1) / 2);
-  m_last.assign(i420, i420 + bytes);
-  m_lastWidth = width, m_lastHeight = height;
+  const size_t bytes = I420Layout(width, height).Bytes();
+  // Twice a second is enough for a snapshot, and spares the render loop a copy of every picture.
+  if (m_lastTime < 0 || t - m_lastTime >= 0.5 || width != m_lastWidth || height != m_lastHeight) {
+    m_last.assign(i420, i420 + bytes);
+    m_lastWidth = width, m_lastHeight = height, m_lastTime = t;
+  }
   if (latencyMs >= 0) m_latency.emplace_back(t, latencyMs);
 
   if (m_y4mDone) return;
   if (m_y4mStart < 0) m_y4mStart = t;
-  if (t - m_y4mStart > m_y4mSeconds || (m_y4m != nullptr && (width != m_y4mWidth || height != m_y4mHeight))) {
-    // A Y4M stream has one picture size; a phone that changes it ends the recording.
+  // A Y4M stream has one picture size, and its 4:2:0 chroma rounds odd sizes up, which the
+  // pictures we get do not carry: a phone that changes the size, or sends an odd one, ends it.
+  if (t - m_y4mStart > m_y4mSeconds || (m_y4m != nullptr && (width != m_y4mWidth || height != m_y4mHeight)) ||
+      width % 2 != 0 || height % 2 != 0) {
     m_y4mDone = true;
     return;
   }
