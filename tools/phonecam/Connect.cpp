@@ -12,6 +12,7 @@
 // never sent anything.
 #include <json/json.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -117,7 +118,6 @@ struct Run {
   Preview* preview = nullptr;
   const PacketCounter* packets = nullptr;
   SessionStats stats;
-  double pictureSeconds = 0;  // over all attempts
 };
 
 bool StopAsked() { return Interrupted(); }
@@ -130,23 +130,11 @@ std::string ThreadList() {
   return text;
 }
 
-// The adb key of the phone the user named (the library keeps adb's padding in its keys).
-std::wstring FindAndroid(const std::string& serial) {
-  const std::wstring wanted = lumo::Utf8ToWide(serial);
-  CPhoneDeviceManager* devices = CPhoneDeviceManager::GetInstance();
-  devices->RefreshDevices();
-  for (auto& [key, info] : devices->GetAllAndroidDevices()) {
-    std::wstring trimmed = key;
-    trimmed.erase(trimmed.find_last_not_of(L" \t") + 1);
-    if (trimmed == wanted) return key;
-  }
-  return std::wstring();
-}
-
 // Pulls pictures until the end, a stop, or a lost link; true when the link was lost.
 bool Stream(Run& run, const std::function<bool()>& linkLost, const std::function<std::string()>& state) {
   RenderOptions options;
-  options.seconds = run.o.seconds > 0 ? run.o.seconds - run.pictureSeconds : 0;
+  // What is left of --seconds over all attempts (never 0, which would mean "until stopped").
+  options.seconds = run.o.seconds > 0 ? std::max(run.o.seconds - run.stats.seconds, 0.001) : 0;
   options.quiet = run.o.quiet;
   options.wantAudio = run.o.audio;
   options.recorder = run.recorder;
@@ -161,7 +149,6 @@ bool Stream(Run& run, const std::function<bool()>& linkLost, const std::function
   SessionStats part;
   part.link = run.stats.link;
   RenderLoop(part, options);
-  run.pictureSeconds += part.seconds;
   SessionStats& s = run.stats;
   s.seconds += part.seconds;
   s.pictures += part.pictures, s.stamped += part.stamped, s.audioDecoded += part.audioDecoded;
@@ -357,7 +344,8 @@ int Connect(int argc, char** argv) {
     std::wstring key;
     if (o.link == "usb") {
       // The phone must be listed before Start: adb may take a moment to see a phone just plugged in.
-      WaitFor([&] { return !(key = FindAndroid(o.id)).empty(); }, std::min(o.waitSeconds, 10.0), StopAsked);
+      WaitFor([&] { return !(key = FindAndroidKey(o.id)).empty(); }, std::min(o.waitSeconds, 10.0), StopAsked,
+              kPollOtherProgramMs);
       if (key.empty() && !StopAsked()) {
         std::fprintf(stderr, "connect: adb does not list %s (`lumo-phonecam devices` shows what it lists)\n", o.id.c_str());
         rc = 1;
@@ -367,7 +355,7 @@ int Connect(int argc, char** argv) {
       const std::wstring udid = lumo::Utf8ToWide(o.id);
       CPhoneDeviceManager* devices = CPhoneDeviceManager::GetInstance();
       if (WaitFor([&] { return devices->RefreshDevices(), devices->GetIOSDevice(udid) != nullptr; },
-                  std::min(o.waitSeconds, 10.0), StopAsked)) {
+                  std::min(o.waitSeconds, 10.0), StopAsked, kPollOtherProgramMs)) {
         key = udid;
       } else if (!StopAsked()) {
         std::fprintf(stderr, "connect: usbmuxd does not list %s (`lumo-phonecam devices` shows what it lists)\n", o.id.c_str());
@@ -377,7 +365,7 @@ int Connect(int argc, char** argv) {
     for (int attempt = 0; rc == 0 && !StopAsked(); ++attempt) {
       if (attempt > 0) {
         std::fprintf(stderr, "connect: connecting again (attempt %d)\n", attempt + 1);
-        WaitFor([] { return false; }, 1.0, StopAsked);  // a moment for the phone's side to settle
+        WaitFor([] { return false; }, 1.0, StopAsked, 50);  // a moment for the phone's side to settle
       }
       const bool lost = o.link == "wifi" ? WifiAttempt(run) : UsbAttempt(run, o.link == "ios" ? PHONE_TYPE_IOS : PHONE_TYPE_ANDROID, key);
       if (!lost) break;

@@ -33,7 +33,6 @@ extern "C" {
 #include "PhoneSim.h"
 #include "TimestampBlocks.h"
 #include "device/AdbSrvMgr.h"
-#include "device/CPhoneDeviceManager.h"
 #include "host/PhoneCameraCtrl.h"
 #include "media/CAudioDecoder.h"
 #include "media/CVideoDecoder.h"
@@ -190,16 +189,8 @@ SessionStats UsbSession(lumo::phonesim::PhoneSimOptions phone, const DemoRun& ru
   parser->SetUSBCallback(&callback);
   CUSBConnectMgr* usb = CUSBConnectMgr::GetInstance();
   usb->SetUSBEventCallback(&callback);
-  CPhoneDeviceManager* devices = CPhoneDeviceManager::GetInstance();
   std::wstring listed;
-  WaitFor(
-      [&] {
-        devices->RefreshDevices();
-        for (auto& [key, info] : devices->GetAllAndroidDevices())
-          if (key.compare(0, serial.size(), serial) == 0) listed = key;
-        return !listed.empty();
-      },
-      15);
+  WaitFor([&] { return !(listed = FindAndroidKey(lumo::WideToUtf8(serial))).empty(); }, 15, {}, kPollOtherProgramMs);
   if (listed.empty()) {
     s.error = "adb never listed the simulated phone " + lumo::WideToUtf8(serial);
   } else if (!usb->Start(PHONE_TYPE_ANDROID, listed)) {

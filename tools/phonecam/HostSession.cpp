@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "Preview.h"
+#include "device/CPhoneDeviceManager.h"
 #include "Recording.h"
 #include "TimestampBlocks.h"
 #include "host/PhoneCameraCtrl.h"
@@ -18,6 +19,7 @@
 #include "media/H264DataReviever.h"
 #include "media/PcmPlayer.h"
 #include "platform/clock.h"
+#include "platform/text.h"
 
 namespace phonecam {
 namespace {
@@ -80,13 +82,25 @@ std::wstring HostCallback::LastError() {
   return lastError;
 }
 
-bool WaitFor(const std::function<bool()>& ready, double seconds, const std::function<bool()>& stop) {
+bool WaitFor(const std::function<bool()>& ready, double seconds, const std::function<bool()>& stop, uint32_t pollMs) {
   const auto end = Steady::now() + std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(seconds));
   while (!ready()) {
     if (Steady::now() > end || (stop && stop())) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    std::this_thread::sleep_for(std::chrono::milliseconds(pollMs));
   }
   return true;
+}
+
+std::wstring FindAndroidKey(const std::string& serial) {
+  const std::wstring wanted = lumo::Utf8ToWide(serial);
+  CPhoneDeviceManager* devices = CPhoneDeviceManager::GetInstance();
+  devices->RefreshDevices();
+  for (auto& [key, info] : devices->GetAllAndroidDevices()) {
+    std::wstring trimmed = key;
+    trimmed.erase(trimmed.find_last_not_of(L" \t") + 1);
+    if (trimmed == wanted) return key;
+  }
+  return std::wstring();
 }
 
 void PhonecamHost::SetAudioOutput(const std::string& selection) {

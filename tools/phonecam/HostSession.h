@@ -72,9 +72,16 @@ struct HostCallback : IWifiEventCallback, IUSBEventCallback {
   std::atomic<int> linkErrors{0};
 };
 
-// Polls what gives no signal (another program's state, a peer's first datagram) every 5 ms
-// until `ready`, `seconds` have passed, or `stop` says so.
-bool WaitFor(const std::function<bool()>& ready, double seconds, const std::function<bool()>& stop = {});
+// Polls what gives no signal (another program's state, a counter of the library's) every
+// `pollMs` until `ready`, `seconds` have passed, or `stop` says so. A `ready` that asks another
+// program (adb, usbmuxd) takes a long interval: each look runs that program.
+bool WaitFor(const std::function<bool()>& ready, double seconds, const std::function<bool()>& stop = {},
+             uint32_t pollMs = 5);
+constexpr uint32_t kPollOtherProgramMs = 250;
+
+// The key under which the library lists the Android phone with adb serial `serial` (it keeps
+// adb's padding in its keys), after asking adb afresh; empty when adb does not list it.
+std::wstring FindAndroidKey(const std::string& serial);
 
 // The reference host's services: the library's defaults, with the audio output chosen per
 // session (so that each session's audio lands in its own WAV file) without touching the user's
