@@ -119,7 +119,7 @@ bool WifiConnectManager::SendMsgToPhone(const char* data, int len) {
 }
 
 void WifiConnectManager::HandleReceive(const char* data, int len) {
-  m_messagesHeard.fetch_add(1);
+  m_messagesHeard.fetch_add(1, std::memory_order_relaxed);  // a count, ordering nothing
   const uint64_t second = lumo::WallClock100ns() / 10000000ull;
   if (second != m_secondStart) m_secondStart = second, m_secondMessages = 0, m_secondBytes = 0;
   ++m_secondMessages;

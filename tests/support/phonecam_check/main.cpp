@@ -132,6 +132,7 @@ int CheckXwd(const char* path, int width, int height) {
   const uint32_t masks[3] = {Be32(h + 56), Be32(h + 60), Be32(h + 64)};  // red, green, blue
   const size_t start = static_cast<size_t>(headerSize) + static_cast<size_t>(ncolors) * 12;
   if (bpp != 32 || screenW < static_cast<uint32_t>(width) || screenH < static_cast<uint32_t>(height) ||
+      bytesPerLine < 4 * static_cast<uint32_t>(width) ||
       file.size() < start + static_cast<size_t>(bytesPerLine) * height)
     return Fail(std::string(path) + ": unexpected screen format");
   std::vector<uint8_t> y(static_cast<size_t>(width) * height), kept(y.size());
